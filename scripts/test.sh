@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Brightmix's whole test run, as CI runs it on a fresh Debian 12 machine:
+#   1. installs whatever is missing (scripts/install-deps.sh),
+#   2. checks formatting and the layer rule,
+#   3. builds optimised with warnings as errors and runs every test through CTest
+#      (unit tests, and the end-to-end tests against a private PipeWire session),
+#   4. builds with AddressSanitizer + UBSan and runs the unit tests,
+#   5. builds with ThreadSanitizer and runs the concurrency stress tests,
+#   6. builds the libFuzzer targets with clang and runs each for a bounded time,
+#   7. runs every benchmark once, briefly, so that none rots.
+# Set BRIGHTMIX_FUZZ_SECONDS to change the fuzzing time per target (default 30).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${BRIGHTMIX_JOBS:-$(nproc)}
+fuzz_seconds=${BRIGHTMIX_FUZZ_SECONDS:-30}
+passed=0
+stage() {
+    echo
+    echo "==== $* ===="
+}
+done_stage() { passed=$((passed + 1)); }
+
+stage "dependencies"
+./scripts/install-deps.sh
+done_stage
+
+stage "format and layers"
+./scripts/check-format.sh
+./scripts/check-layers.sh
+done_stage
+
+stage "optimised build, warnings as errors, all tests"
+cmake --preset ci >/dev/null
+cmake --build --preset ci -j "$jobs"
+ctest --preset ci
+done_stage
+
+stage "AddressSanitizer + UndefinedBehaviorSanitizer"
+cmake --preset asan >/dev/null
+cmake --build --preset asan -j "$jobs" --target brightmix_tests
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ./build/asan/tests/brightmix_tests --gtest_brief=1
+done_stage
+
+stage "ThreadSanitizer stress"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan -j "$jobs" --target brightmix_stress_tests
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    ./build/tsan/tests/brightmix_stress_tests --gtest_brief=1
+done_stage
+
+stage "fuzzing, ${fuzz_seconds} s per target"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+for fuzzer in build/fuzz/fuzz/*Fuzzer; do
+    [ -x "$fuzzer" ] || continue
+    name=$(basename "$fuzzer")
+    corpus=build/fuzz/corpus/$name
+    mkdir -p "$corpus"
+    seeds=()
+    [ -d "fuzz/seeds/$name" ] && seeds=("fuzz/seeds/$name")
+    echo "-- $name"
+    "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" \
+        2>&1 | tail -n 12
+    [ "${PIPESTATUS[0]}" -eq 0 ] || { echo "$name found a failure" >&2; exit 1; }
+done
+done_stage
+
+stage "benchmarks, one short pass"
+if [ -x build/ci/bench/brightmix_bench ]; then
+    ./build/ci/bench/brightmix_bench --benchmark_min_time=0.01 >/dev/null
+fi
+done_stage
+
+echo
+echo "test stages: ${passed} passed, 0 failed"
