@@ -61,9 +61,14 @@ for fuzzer in build/fuzz/fuzz/*Fuzzer; do
     seeds=()
     [ -d "fuzz/seeds/$name" ] && seeds=("fuzz/seeds/$name")
     echo "-- $name"
-    "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" \
-        2>&1 | tail -n 12
-    [ "${PIPESTATUS[0]}" -eq 0 ] || { echo "$name found a failure" >&2; exit 1; }
+    log=build/fuzz/$name.log
+    if ! "$fuzzer" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" \
+        "${seeds[@]}" >"$log" 2>&1; then
+        tail -n 60 "$log"
+        echo "$name found a failure" >&2
+        exit 1
+    fi
+    grep -E "^(stat::number_of_executed_units|Done)" "$log" || tail -n 3 "$log"
 done
 done_stage
 
