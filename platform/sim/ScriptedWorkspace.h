@@ -1,0 +1,52 @@
+// A workspace whose answers tests set up: running applications by PID, bundle identifiers
+// and display names by path, the program's own bundle, and icons. It counts the icon
+// look-ups so tests can see caching.
+//
+// Thread: control only (like the real one). Realtime-safe: no.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Workspace.h"
+
+namespace brightmix {
+
+class ScriptedWorkspace final : public Workspace {
+public:
+    // A running application for `pid`; either part may be none.
+    void setRunningApplication(std::int32_t pid, std::optional<std::string> bundlePath,
+                               std::optional<std::string> bundleIdentifier);
+    void removeRunningApplication(std::int32_t pid);
+
+    // The identifier of the bundle at `bundlePath` (standardised before use).
+    void setBundleIdentifier(std::string bundlePath, std::string identifier);
+
+    // A display name for `path`; unset paths show their last component.
+    void setDisplayName(std::string path, std::string name);
+
+    void setOwnBundlePath(std::string path) { ownBundlePath_ = std::move(path); }
+
+    // How often icon() was asked.
+    std::size_t iconRequests() const { return iconRequests_; }
+
+    std::optional<RunningApplication> runningApplication(std::int32_t pid) const override;
+    std::optional<std::string> bundleIdentifier(std::string_view bundlePath) const override;
+    std::string displayName(std::string_view path) const override;
+    std::string ownBundlePath() const override { return ownBundlePath_; }
+    // An icon named "icon:" + the standardised path.
+    WorkspaceIcon icon(std::string_view path) const override;
+
+private:
+    std::map<std::int32_t, RunningApplication> applications_;
+    std::map<std::string, std::string, std::less<>> identifiers_;
+    std::map<std::string, std::string, std::less<>> displayNames_;
+    std::string ownBundlePath_ = "/Applications/Brightmix.app";
+    mutable std::size_t iconRequests_ = 0;
+};
+
+} // namespace brightmix
