@@ -59,11 +59,18 @@ public:
                                                 std::int32_t excludedPID) const;
 
     // Missing member UID -> the UID of the one present display output with the same UUID.
-    static std::map<std::string, std::string> reconnectionMap(
-        const std::set<std::string>& uids, const std::vector<AudioDevice>& devices);
+    static std::map<std::string, std::string>
+    reconnectionMap(const std::set<std::string>& uids, const std::vector<AudioDevice>& devices);
     // Rewrites the composition of a multi-output device through the map; throws.
     void reconnectMissingOutputs(AudioObjectID device,
                                  const std::map<std::string, std::string>& map) const;
+
+    // The composition with its members' UIDs (and "master" / "clock") mapped, every other
+    // entry kept; none when the value is not a usable composition, nothing would change, or
+    // a UID would appear twice.
+    static std::optional<PropertyList>
+    rewriteComposition(const PropertyList& composition,
+                       const std::map<std::string, std::string>& map);
 
     // The UUID a device UID carries: the whole UID, or the part before an underscore and
     // an eight-digit hexadecimal suffix.
@@ -72,19 +79,24 @@ public:
     // Display order: multi-output devices first, then by name with embedded numbers
     // compared by value, case-insensitively.
     static std::vector<AudioDevice> sortedForDisplay(std::vector<AudioDevice> devices);
+    // The name comparison behind that order: negative, zero or positive. Letters compare
+    // without regard to ASCII case; runs of digits compare by their value.
+    static int compareNamesForDisplay(std::string_view a, std::string_view b);
 
     // Generic readers shared with the engine and playback detection. Each answers none on
     // any non-zero status or a value of the wrong shape.
     std::optional<std::string> stringProperty(AudioObjectID object,
                                               const AudioObjectPropertyAddress& address) const;
-    std::optional<std::vector<std::string>> stringArrayProperty(
-        AudioObjectID object, const AudioObjectPropertyAddress& address) const;
+    std::optional<std::vector<std::string>>
+    stringArrayProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) const;
     std::optional<UInt32> uint32Property(AudioObjectID object,
                                          const AudioObjectPropertyAddress& address) const;
     std::optional<std::int32_t> int32Property(AudioObjectID object,
                                               const AudioObjectPropertyAddress& address) const;
-    std::optional<AudioStreamBasicDescription> streamFormat(
-        AudioObjectID object, const AudioObjectPropertyAddress& address) const;
+    std::optional<AudioStreamBasicDescription>
+    streamFormat(AudioObjectID object, const AudioObjectPropertyAddress& address) const;
+    std::optional<double> float64Property(AudioObjectID object,
+                                          const AudioObjectPropertyAddress& address) const;
 
     // Sum of channels / number of buffers of a device's stream configuration in a scope;
     // 0 when it cannot be read.
@@ -99,4 +111,4 @@ private:
     AudioObjectID system_ = kAudioObjectSystemObject;
 };
 
-}  // namespace brightmix
+} // namespace brightmix
