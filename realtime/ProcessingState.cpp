@@ -1,0 +1,762 @@
+// The shared processing block, its control-side setters and the real-time render.
+//
+// Setters run on the control thread, ProcessingRender on the router's IO thread; how each
+// value crosses between them is written down in docs/REALTIME.md. The render neither
+// allocates, locks, logs nor calls the system.
+#include "realtime/ProcessingState.h"
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "realtime/FilterDesign.h"
+
+namespace {
+
+constexpr uint32_t kSlots = kProcessingSlotCount;
+constexpr uint32_t kBands = kProcessingEqualizerBands;
+constexpr uint32_t kFilteredChannels = kProcessingFilteredChannels;
+constexpr uint32_t kCrossoverSections = 2;
+constexpr float kMaxBandGainDb = 24.0F;
+constexpr float kDefaultCrossoverHz = 80.0F;
+constexpr double kDefaultSampleRate = 48000.0;
+// An input sample above this magnitude means the cycle carried signal.
+constexpr float kSignalThreshold = 1e-6F;
+// Filter state below this magnitude is flushed to zero at the end of every block. After loud
+// signal turns to silence the states of the recursive filters decay towards the subnormal
+// range, where arithmetic is many times slower; a value this small is some 600 dB below any
+// audible sample, so flushing it cannot change what is heard.
+constexpr double kStateFlushThreshold = 1e-30;
+// Frames processed per block: the block's samples live in small stack arrays while every
+// filter stage passes over them with its state in registers.
+constexpr uint32_t kBlockFrames = 256;
+
+// Designed crossover of one slot; touched by the render only.
+struct CrossoverRecord {
+    int32_t mode;
+    float hz;
+    double sampleRate;
+    BiquadCoefficients coefficients; // one section, run twice in series
+    double state[kFilteredChannels][kCrossoverSections][2];
+};
+
+// Designed equaliser of one slot; touched by the render only.
+struct EqualizerRecord {
+    uint8_t active;
+    float gainDb[kBands];
+    float preGainDb;
+    double sampleRate;
+    float preGainLinear;
+    BiquadCoefficients bands[kBands];
+    double state[kFilteredChannels][kBands][2]; // channel-major
+};
+
+} // namespace
+
+// Field order follows the documented layout. Every value the control thread writes while the
+// render may read it is an atomic: relaxed for single scalars (a plain move on the targets we
+// build for, but not a data race), release/acquire for the generation counters and the
+// crossover mode that publish other values.
+struct ProcessingState {
+    std::atomic<float> masterGain;
+    std::atomic<float> slotGain[kSlots];
+    std::atomic<uint32_t> sourceChannel[kSlots];
+    std::atomic<uint32_t> crossoverMode[kSlots];
+    std::atomic<float> crossoverHz[kSlots];
+    std::atomic<uint8_t> monoSum[kSlots];
+    std::atomic<float> eqGainDb[kSlots][kBands];
+    std::atomic<float> eqPreGainDb[kSlots];
+    std::atomic<uint32_t> eqGeneration[kSlots];
+    std::atomic<double> sampleRate;
+    std::atomic<uint32_t> resetGeneration;
+    std::atomic<uint64_t> renderCycles;
+    std::atomic<uint64_t> signalCycles;
+    std::atomic<float> inputPeak;
+    std::atomic<uint32_t> lastInputBuffers;
+    std::atomic<uint32_t> lastInputChannels;
+    std::atomic<uint32_t> lastInputBytes;
+    std::atomic<float> slotPeak[kSlots];
+    std::atomic<float> outputPeak;
+    uint32_t seenResetGeneration;
+    CrossoverRecord crossover[kSlots];
+    EqualizerRecord equalizer[kSlots];
+};
+
+static_assert(std::atomic<float>::is_always_lock_free);
+static_assert(std::atomic<double>::is_always_lock_free);
+static_assert(std::atomic<uint8_t>::is_always_lock_free);
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
+static_assert(std::atomic<uint64_t>::is_always_lock_free);
+
+namespace {
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+
+bool isValidSlot(const ProcessingState* state, uint32_t slot) {
+    return state != nullptr && slot < kSlots;
+}
+
+float takePeak(std::atomic<float>& peak) {
+    return peak.exchange(0.0F, kRelaxed);
+}
+
+// --- Render: record upkeep ---------------------------------------------------------------
+
+void updateCrossover(ProcessingState& state, uint32_t slot, bool reset) {
+    CrossoverRecord& record = state.crossover[slot];
+    const auto mode =
+        static_cast<int32_t>(state.crossoverMode[slot].load(std::memory_order_acquire));
+    const float hz = state.crossoverHz[slot].load(kRelaxed);
+    const double rate = state.sampleRate.load(kRelaxed);
+    if (reset || mode != record.mode) std::memset(record.state, 0, sizeof record.state);
+    if (mode != 0 && (mode != record.mode || hz != record.hz || rate != record.sampleRate))
+        record.coefficients = FilterDesignCrossoverSection(mode, static_cast<double>(hz), rate);
+    record.mode = mode;
+    record.hz = hz;
+    record.sampleRate = rate;
+}
+
+void updateEqualizer(ProcessingState& state, uint32_t slot, bool reset) {
+    EqualizerRecord& record = state.equalizer[slot];
+    const double rate = state.sampleRate.load(kRelaxed);
+    bool changed = reset || rate != record.sampleRate;
+    // Orders the gain reads below after the publisher's writes; the value itself is not
+    // needed because the gains are compared, not the generations.
+    (void)state.eqGeneration[slot].load(std::memory_order_acquire);
+    float gains[kBands];
+    for (uint32_t band = 0; band < kBands; ++band) {
+        gains[band] = state.eqGainDb[slot][band].load(kRelaxed);
+        changed = changed || gains[band] != record.gainDb[band];
+    }
+    const float preGainDb = state.eqPreGainDb[slot].load(kRelaxed);
+    if (preGainDb == record.preGainDb && !changed) return;
+
+    const bool wasActive = record.active != 0;
+    bool active = preGainDb != 0.0F;
+    for (uint32_t band = 0; band < kBands; ++band) {
+        if (record.gainDb[band] == 0.0F && gains[band] != 0.0F) {
+            for (auto& channel : record.state)
+                channel[band][0] = channel[band][1] = 0.0;
+        }
+        record.gainDb[band] = gains[band];
+        active = active || gains[band] != 0.0F;
+        record.bands[band] = FilterDesignPeakingBand(band, static_cast<double>(gains[band]), rate);
+    }
+    record.preGainDb = preGainDb;
+    record.preGainLinear =
+        static_cast<float>(std::pow(10.0, static_cast<double>(preGainDb) / 20.0));
+    record.sampleRate = rate;
+    if (reset || !wasActive) std::memset(record.state, 0, sizeof record.state);
+    record.active = active ? 1 : 0;
+}
+
+// --- Render: one stream of samples -------------------------------------------------------
+
+// Where one input channel's samples are: data[f * stride] for f < frames, silence elsewhere.
+struct InputChannel {
+    const float* data;
+    uint64_t stride;
+    uint64_t frames;
+
+    float at(uint64_t frame) const {
+        return data != nullptr && frame < frames ? data[frame * stride] : 0.0F;
+    }
+};
+
+// Resolves the input channel the render reads as channel `channel`: interleaved in the first
+// buffer when it has two or more channels, else one buffer per channel, else a mono buffer
+// that feeds every channel alike. A buffer shorter than the first reads as silence past its
+// end instead of beyond it.
+InputChannel resolveInput(const AudioBufferList* input, uint64_t inputFrames, uint32_t channel) {
+    if (input == nullptr || input->mNumberBuffers == 0) return {nullptr, 0, 0};
+    const AudioBuffer& first = input->mBuffers[0];
+    if (first.mNumberChannels >= 2) {
+        const auto* data = static_cast<const float*>(first.mData);
+        if (data == nullptr) return {nullptr, 0, 0};
+        return {data + channel % first.mNumberChannels, first.mNumberChannels, inputFrames};
+    }
+    if (input->mNumberBuffers > 1) {
+        const AudioBuffer& buffer = input->mBuffers[channel % input->mNumberBuffers];
+        return {static_cast<const float*>(buffer.mData), 1, buffer.mDataByteSize / 4U};
+    }
+    if (first.mNumberChannels == 0) return {nullptr, 0, 0};
+    return {static_cast<const float*>(first.mData), 1, inputFrames};
+}
+
+// One biquad stage as one stream sees it: its coefficients and its (s1, s2) state.
+struct StageLane {
+    const BiquadCoefficients* coefficients;
+    double* state;
+};
+
+constexpr BiquadCoefficients kIdentityStage = {1.0, 0.0, 0.0, 0.0, 0.0};
+
+// Everything the render needs to produce one output channel of one slot.
+struct Lane {
+    InputChannel source; // the channel read when there is no mono sum
+    InputChannel left;   // the two channels of the mono sum
+    InputChannel right;
+    bool isMonoSum;
+    float* output;
+    uint64_t outputStride;
+    float gain;
+    float master;
+    uint32_t crossoverStages; // 0 or 2
+    StageLane crossover[kCrossoverSections];
+    bool hasPreGain;
+    float preGain;
+    uint32_t bandStages; // the bands whose gain is not 0, in band order
+    StageLane bands[kBands];
+    // Results of the cycle.
+    float inputPeak;
+    float outputPeak;
+    bool isHeard;
+};
+
+// Reads a block of the lane's input: mono sum or source channel, counted as heard before
+// non-finite samples are replaced by 0, and measured for the input peak.
+void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
+    float peak = lane.inputPeak;
+    bool heard = lane.isHeard;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint64_t frame = start + i;
+        float value = lane.isMonoSum ? (lane.left.at(frame) + lane.right.at(frame)) * 0.5F
+                                     : lane.source.at(frame);
+        const float magnitude = std::fabs(value);
+        heard = heard || magnitude > kSignalThreshold;
+        if (!std::isfinite(value)) {
+            value = 0.0F;
+        } else if (magnitude > peak) {
+            peak = magnitude;
+        }
+        x[i] = value;
+    }
+    lane.inputPeak = peak;
+    lane.isHeard = heard;
+}
+
+// Applies the gains in single precision, in the documented order, and writes the block.
+void scatter(Lane& lane, uint64_t start, uint32_t count, const float* x) {
+    float peak = lane.outputPeak;
+    float* out = lane.output + start * lane.outputStride;
+    for (uint32_t i = 0; i < count; ++i) {
+        const float y = lane.gain * (lane.master * x[i]);
+        if (std::fabs(y) > peak) peak = std::fabs(y);
+        out[i * lane.outputStride] = y;
+    }
+    lane.outputPeak = peak;
+}
+
+// Two streams side by side in one SSE2 register: the baseline x86-64 instruction set does
+// two double operations at once, so two channels cost about as much as one.
+typedef double Double2 __attribute__((vector_size(16)));
+
+Double2 roundToFloat(Double2 v) {
+    return Double2{static_cast<double>(static_cast<float>(v[0])),
+                   static_cast<double>(static_cast<float>(v[1]))};
+}
+
+double flushed(double value) {
+    return std::fabs(value) < kStateFlushThreshold ? 0.0 : value;
+}
+
+// Runs `Count` consecutive biquad stages over a block, both streams at once, in transposed
+// direct form II. Taking several stages per pass lets the stages' recursions overlap (each
+// stage waits only on its own previous sample); a single stage per pass would wait on the
+// whole multiply-add chain for every sample.
+template <uint32_t Count>
+void runStages(Double2* block, uint32_t frames, const StageLane (*stages)[2]) {
+    Double2 b0[Count], b1[Count], b2[Count], a1[Count], a2[Count], s1[Count], s2[Count];
+    for (uint32_t k = 0; k < Count; ++k) {
+        const BiquadCoefficients& l = *stages[k][0].coefficients;
+        const BiquadCoefficients& r = *stages[k][1].coefficients;
+        b0[k] = Double2{l.b0, r.b0};
+        b1[k] = Double2{l.b1, r.b1};
+        b2[k] = Double2{l.b2, r.b2};
+        a1[k] = Double2{l.a1, r.a1};
+        a2[k] = Double2{l.a2, r.a2};
+        s1[k] = Double2{stages[k][0].state[0], stages[k][1].state[0]};
+        s2[k] = Double2{stages[k][0].state[1], stages[k][1].state[1]};
+    }
+    for (uint32_t i = 0; i < frames; ++i) {
+        Double2 x = block[i];
+        for (uint32_t k = 0; k < Count; ++k) {
+            const Double2 y = b0[k] * x + s1[k];
+            s1[k] = s2[k] + b1[k] * x - a1[k] * y;
+            s2[k] = b2[k] * x - a2[k] * y;
+            x = y;
+        }
+        block[i] = x;
+    }
+    for (uint32_t k = 0; k < Count; ++k) {
+        for (uint32_t lane = 0; lane < 2; ++lane) {
+            stages[k][lane].state[0] = flushed(s1[k][lane]);
+            stages[k][lane].state[1] = flushed(s2[k][lane]);
+        }
+    }
+}
+
+// Runs a chain of stages in passes of up to four.
+void runChain(Double2* block, uint32_t frames, const StageLane (*stages)[2], uint32_t count) {
+    while (count > 0) {
+        // Split so that no pass is left with a single stage when it can be avoided: a lone
+        // stage is bound by its own recursion.
+        const uint32_t take = count == 5 ? 3 : (count >= 4 ? 4 : count);
+        switch (take) {
+        case 4:
+            runStages<4>(block, frames, stages);
+            break;
+        case 3:
+            runStages<3>(block, frames, stages);
+            break;
+        case 2:
+            runStages<2>(block, frames, stages);
+            break;
+        default:
+            runStages<1>(block, frames, stages);
+            break;
+        }
+        stages += take;
+        count -= take;
+    }
+}
+
+// Filters up to two lanes over `frames` frames. A missing second lane, and the stages one
+// lane has and the other lacks, run as identity stages on zero state: y = 1·x + 0 leaves the
+// sample exactly as it was, so pairing never changes a result.
+void renderLanes(Lane* first, Lane* second, uint64_t frames) {
+    Lane* lanes[2] = {first, second};
+    double spareState[kCrossoverSections + kBands][2][2] = {};
+
+    uint32_t crossoverStages = 0;
+    uint32_t bandStages = 0;
+    bool hasPreGain = false;
+    for (Lane* lane : lanes) {
+        if (lane == nullptr) continue;
+        if (lane->crossoverStages > crossoverStages) crossoverStages = lane->crossoverStages;
+        if (lane->bandStages > bandStages) bandStages = lane->bandStages;
+        hasPreGain = hasPreGain || lane->hasPreGain;
+    }
+    StageLane stages[kCrossoverSections + kBands][2];
+    for (uint32_t k = 0; k < crossoverStages + bandStages; ++k) {
+        for (uint32_t side = 0; side < 2; ++side) {
+            const Lane* lane = lanes[side];
+            StageLane stage{&kIdentityStage, spareState[k][side]};
+            if (lane != nullptr) {
+                if (k < crossoverStages && k < lane->crossoverStages) stage = lane->crossover[k];
+                if (k >= crossoverStages && k - crossoverStages < lane->bandStages)
+                    stage = lane->bands[k - crossoverStages];
+            }
+            stages[k][side] = stage;
+        }
+    }
+    const bool isFiltered = crossoverStages + bandStages > 0 || hasPreGain;
+    const Double2 preGain = {
+        first->hasPreGain ? static_cast<double>(first->preGain) : 1.0,
+        second != nullptr && second->hasPreGain ? static_cast<double>(second->preGain) : 1.0};
+
+    float x[2][kBlockFrames];
+    Double2 block[kBlockFrames];
+    for (uint64_t start = 0; start < frames; start += kBlockFrames) {
+        const auto count =
+            static_cast<uint32_t>(frames - start < kBlockFrames ? frames - start : kBlockFrames);
+        gather(*first, start, count, x[0]);
+        if (second != nullptr) {
+            gather(*second, start, count, x[1]);
+        } else {
+            std::memset(x[1], 0, sizeof x[1]);
+        }
+        if (isFiltered) {
+            for (uint32_t i = 0; i < count; ++i)
+                block[i] = Double2{static_cast<double>(x[0][i]), static_cast<double>(x[1][i])};
+            if (crossoverStages > 0) {
+                runChain(block, count, stages, crossoverStages);
+                for (uint32_t i = 0; i < count; ++i)
+                    block[i] = roundToFloat(block[i]);
+            }
+            // A product of two floats is exact in double, so multiplying here and rounding
+            // once gives the single-precision product bit for bit.
+            if (hasPreGain) {
+                for (uint32_t i = 0; i < count; ++i)
+                    block[i] = roundToFloat(block[i] * preGain);
+            }
+            if (bandStages > 0) runChain(block, count, stages + crossoverStages, bandStages);
+            for (uint32_t i = 0; i < count; ++i) {
+                x[0][i] = static_cast<float>(block[i][0]);
+                x[1][i] = static_cast<float>(block[i][1]);
+            }
+        }
+        scatter(*first, start, count, x[0]);
+        if (second != nullptr) scatter(*second, start, count, x[1]);
+    }
+}
+
+// --- Render: slots ------------------------------------------------------------------------
+
+// A slot's settings for this cycle, after its records have been brought up to date.
+struct SlotSetup {
+    bool isBypassed;
+    float gain;
+    float master;
+    bool isMonoSum;
+    uint32_t sourceChannel;     // for a one-channel buffer
+    CrossoverRecord* crossover; // null when there is no crossover
+    EqualizerRecord* equalizer; // null when the equaliser is inactive
+};
+
+SlotSetup prepareSlot(ProcessingState* state, uint32_t slot, bool reset, float master) {
+    SlotSetup setup{};
+    setup.master = master;
+    setup.isBypassed = state == nullptr || slot >= kSlots;
+    if (setup.isBypassed) {
+        setup.gain = 1.0F;
+        setup.sourceChannel = slot & 1U;
+        return setup;
+    }
+    setup.gain = state->slotGain[slot].load(kRelaxed);
+    setup.sourceChannel = state->sourceChannel[slot].load(kRelaxed);
+    updateCrossover(*state, slot, reset);
+    updateEqualizer(*state, slot, reset);
+    setup.isMonoSum = state->monoSum[slot].load(kRelaxed) != 0;
+    if (state->crossover[slot].mode != 0) setup.crossover = &state->crossover[slot];
+    if (state->equalizer[slot].active != 0) setup.equalizer = &state->equalizer[slot];
+    return setup;
+}
+
+Lane makeLane(const SlotSetup& setup, const AudioBuffer& buffer, uint32_t channel,
+              const AudioBufferList* input, uint64_t inputFrames) {
+    Lane lane{};
+    const uint32_t channels = buffer.mNumberChannels;
+    const uint32_t source = channels > 1 ? channel : setup.sourceChannel;
+    lane.source = resolveInput(input, inputFrames, source);
+    lane.isMonoSum = setup.isMonoSum;
+    if (lane.isMonoSum) {
+        lane.left = resolveInput(input, inputFrames, 0);
+        lane.right = resolveInput(input, inputFrames, 1);
+    }
+    lane.output = static_cast<float*>(buffer.mData) + channel;
+    lane.outputStride = channels;
+    lane.gain = setup.gain;
+    lane.master = setup.master;
+    const bool isFilteredChannel = channel < kFilteredChannels;
+    if (setup.crossover != nullptr && isFilteredChannel) {
+        lane.crossoverStages = kCrossoverSections;
+        for (uint32_t section = 0; section < kCrossoverSections; ++section)
+            lane.crossover[section] = {&setup.crossover->coefficients,
+                                       setup.crossover->state[channel][section]};
+    }
+    if (setup.equalizer != nullptr) {
+        lane.hasPreGain = true;
+        lane.preGain = setup.equalizer->preGainLinear;
+        if (isFilteredChannel) {
+            for (uint32_t band = 0; band < kBands; ++band) {
+                if (setup.equalizer->gainDb[band] == 0.0F) continue;
+                lane.bands[lane.bandStages++] = {&setup.equalizer->bands[band],
+                                                 setup.equalizer->state[channel][band]};
+            }
+        }
+    }
+    return lane;
+}
+
+uint64_t outputFrames(const AudioBuffer& buffer, uint64_t inputFrames) {
+    const uint64_t frames = buffer.mDataByteSize / (uint64_t{buffer.mNumberChannels} * 4U);
+    return frames < inputFrames ? frames : inputFrames;
+}
+
+bool isRenderable(const AudioBuffer& buffer) {
+    return buffer.mData != nullptr && buffer.mNumberChannels != 0;
+}
+
+// Results of one cycle across all slots.
+struct CycleTotals {
+    float peak;
+    bool isHeard;
+};
+
+// Clears what the input did not fill and hands the slot's peaks on.
+void finishSlot(ProcessingState* state, uint32_t slot, const SlotSetup& setup,
+                const AudioBuffer& buffer, uint64_t frames, const Lane* lanes, uint32_t count,
+                CycleTotals& totals) {
+    const uint64_t written = frames * buffer.mNumberChannels * 4U;
+    if (buffer.mDataByteSize > written) {
+        std::memset(static_cast<char*>(buffer.mData) + written, 0, buffer.mDataByteSize - written);
+    }
+    float inputPeak = 0.0F;
+    float outputPeak = 0.0F;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (lanes[i].inputPeak > inputPeak) inputPeak = lanes[i].inputPeak;
+        if (lanes[i].outputPeak > outputPeak) outputPeak = lanes[i].outputPeak;
+        totals.isHeard = totals.isHeard || lanes[i].isHeard;
+    }
+    if (!setup.isBypassed && state != nullptr) {
+        // Only the render raises these, so a load and a store suffice.
+        if (inputPeak > state->inputPeak.load(kRelaxed))
+            state->inputPeak.store(inputPeak, kRelaxed);
+        if (outputPeak > state->slotPeak[slot].load(kRelaxed))
+            state->slotPeak[slot].store(outputPeak, kRelaxed);
+    }
+    if (outputPeak > totals.peak) totals.peak = outputPeak;
+}
+
+// Renders a slot of two or more channels: its channels in pairs.
+void renderWideSlot(ProcessingState* state, uint32_t slot, const SlotSetup& setup,
+                    const AudioBuffer& buffer, const AudioBufferList* input, uint64_t inputFrames,
+                    CycleTotals& totals) {
+    const uint64_t frames = outputFrames(buffer, inputFrames);
+    // Peaks and the heard flag are reduced per pair so that any channel count fits here.
+    Lane pair[2];
+    uint32_t count = 0;
+    Lane summary{};
+    for (uint32_t channel = 0; frames > 0 && channel < buffer.mNumberChannels; channel += 2) {
+        pair[0] = makeLane(setup, buffer, channel, input, inputFrames);
+        count = 1;
+        if (channel + 1 < buffer.mNumberChannels) {
+            pair[1] = makeLane(setup, buffer, channel + 1, input, inputFrames);
+            count = 2;
+        }
+        renderLanes(&pair[0], count == 2 ? &pair[1] : nullptr, frames);
+        for (uint32_t i = 0; i < count; ++i) {
+            if (pair[i].inputPeak > summary.inputPeak) summary.inputPeak = pair[i].inputPeak;
+            if (pair[i].outputPeak > summary.outputPeak) summary.outputPeak = pair[i].outputPeak;
+            summary.isHeard = summary.isHeard || pair[i].isHeard;
+        }
+    }
+    finishSlot(state, slot, setup, buffer, frames, &summary, 1, totals);
+}
+
+} // namespace
+
+// --- Control side -------------------------------------------------------------------------
+
+extern "C" ProcessingState* ProcessingCreate(float masterGain) {
+    void* memory = std::calloc(
+        1, sizeof(ProcessingState)); // NOLINT(cppcoreguidelines-no-malloc,hicpp-no-malloc)
+    if (memory == nullptr) return nullptr;
+    auto* state = new (memory) ProcessingState{};
+    state->masterGain.store(masterGain, kRelaxed);
+    for (uint32_t slot = 0; slot < kSlots; ++slot) {
+        state->slotGain[slot].store(1.0F, kRelaxed);
+        state->sourceChannel[slot].store(slot & 1U, kRelaxed);
+        state->crossoverHz[slot].store(kDefaultCrossoverHz, kRelaxed);
+    }
+    state->sampleRate.store(kDefaultSampleRate, kRelaxed);
+    return state;
+}
+
+extern "C" void ProcessingDestroy(ProcessingState* state) {
+    if (state == nullptr) return;
+    state->~ProcessingState();
+    std::free(state); // NOLINT(cppcoreguidelines-no-malloc,hicpp-no-malloc)
+}
+
+extern "C" void ProcessingSetMasterGain(ProcessingState* state, float gain) {
+    if (state != nullptr) state->masterGain.store(gain, kRelaxed);
+}
+
+extern "C" float ProcessingGetMasterGain(const ProcessingState* state) {
+    return state != nullptr ? state->masterGain.load(kRelaxed) : 1.0F;
+}
+
+extern "C" void ProcessingResetSlots(ProcessingState* state) {
+    if (state == nullptr) return;
+    for (uint32_t slot = 0; slot < kSlots; ++slot) {
+        state->slotGain[slot].store(1.0F, kRelaxed);
+        state->sourceChannel[slot].store(slot & 1U, kRelaxed);
+        state->crossoverMode[slot].store(0, kRelaxed);
+        state->monoSum[slot].store(0, kRelaxed);
+        for (auto& gain : state->eqGainDb[slot])
+            gain.store(0.0F, kRelaxed);
+        state->eqPreGainDb[slot].store(0.0F, kRelaxed);
+        state->eqGeneration[slot].fetch_add(1, std::memory_order_release);
+    }
+    state->resetGeneration.fetch_add(1, std::memory_order_release);
+}
+
+extern "C" void ProcessingSetEqualizer(ProcessingState* state, uint32_t slot, const float* gains,
+                                       uint32_t count, float preGainDb) {
+    if (!isValidSlot(state, slot)) return;
+    for (uint32_t band = 0; band < kBands; ++band) {
+        float value = gains != nullptr && band < count ? gains[band] : 0.0F;
+        if (!std::isfinite(value)) value = 0.0F;
+        if (value < -kMaxBandGainDb) value = -kMaxBandGainDb;
+        if (value > kMaxBandGainDb) value = kMaxBandGainDb;
+        state->eqGainDb[slot][band].store(value, kRelaxed);
+    }
+    state->eqPreGainDb[slot].store(std::isfinite(preGainDb) ? preGainDb : 0.0F, kRelaxed);
+    state->eqGeneration[slot].fetch_add(1, std::memory_order_release);
+}
+
+extern "C" void ProcessingSetSampleRate(ProcessingState* state, double sampleRate) {
+    if (state != nullptr && std::isfinite(sampleRate) && sampleRate > 0.0)
+        state->sampleRate.store(sampleRate, kRelaxed);
+}
+
+extern "C" void ProcessingSetCrossover(ProcessingState* state, uint32_t slot, int32_t mode,
+                                       float hz) {
+    if (!isValidSlot(state, slot)) return;
+    // `hz > 0` is false for a NaN, so a NaN corner also turns the crossover off.
+    const bool isValid = mode >= 1 && mode <= 2 && hz > 0.0F && !std::isinf(hz);
+    state->crossoverHz[slot].store(hz, kRelaxed);
+    state->crossoverMode[slot].store(isValid ? static_cast<uint32_t>(mode) : 0U,
+                                     std::memory_order_release);
+}
+
+extern "C" void ProcessingSetMonoSum(ProcessingState* state, uint32_t slot, int32_t flag) {
+    if (isValidSlot(state, slot))
+        state->monoSum[slot].store(static_cast<uint8_t>(flag & 0xFF), kRelaxed);
+}
+
+extern "C" void ProcessingSetSlotGain(ProcessingState* state, uint32_t slot, float gain) {
+    if (!isValidSlot(state, slot)) return;
+    if (gain < 0.0F) gain = 0.0F;
+    if (gain > 1.0F) gain = 1.0F;
+    state->slotGain[slot].store(gain, kRelaxed);
+}
+
+extern "C" float ProcessingGetSlotGain(const ProcessingState* state, uint32_t slot) {
+    return isValidSlot(state, slot) ? state->slotGain[slot].load(kRelaxed) : 1.0F;
+}
+
+extern "C" void ProcessingSetSourceChannel(ProcessingState* state, uint32_t slot,
+                                           uint32_t channel) {
+    if (isValidSlot(state, slot)) state->sourceChannel[slot].store(channel, kRelaxed);
+}
+
+extern "C" uint64_t ProcessingRenderCycles(const ProcessingState* state) {
+    return state != nullptr ? state->renderCycles.load(kRelaxed) : 0;
+}
+
+extern "C" uint64_t ProcessingSignalCycles(const ProcessingState* state) {
+    return state != nullptr ? state->signalCycles.load(kRelaxed) : 0;
+}
+
+extern "C" void ProcessingLastInputFormat(const ProcessingState* state, uint32_t* buffers,
+                                          uint32_t* channels, uint32_t* bytes) {
+    if (state == nullptr) return;
+    if (buffers != nullptr) *buffers = state->lastInputBuffers.load(kRelaxed);
+    if (channels != nullptr) *channels = state->lastInputChannels.load(kRelaxed);
+    if (bytes != nullptr) *bytes = state->lastInputBytes.load(kRelaxed);
+}
+
+extern "C" float ProcessingTakeInputPeak(ProcessingState* state) {
+    return state != nullptr ? takePeak(state->inputPeak) : 0.0F;
+}
+
+extern "C" float ProcessingTakeSlotPeak(ProcessingState* state, uint32_t slot) {
+    return isValidSlot(state, slot) ? takePeak(state->slotPeak[slot]) : 0.0F;
+}
+
+extern "C" float ProcessingTakeOutputPeak(ProcessingState* state) {
+    return state != nullptr ? takePeak(state->outputPeak) : 0.0F;
+}
+
+// --- Render -------------------------------------------------------------------------------
+
+extern "C" void ProcessingRender(const AudioBufferList* input, AudioBufferList* output,
+                                 ProcessingState* state) {
+    if (output == nullptr) return;
+
+    uint64_t inputFrames = 0;
+    if (input != nullptr && input->mNumberBuffers > 0) {
+        const AudioBuffer& first = input->mBuffers[0];
+        const uint64_t channels = first.mNumberChannels == 0 ? 1 : first.mNumberChannels;
+        inputFrames = first.mDataByteSize / (channels * 4U);
+    }
+    float master = 1.0F;
+    bool reset = false;
+    if (state != nullptr) {
+        state->lastInputBuffers.store(input != nullptr ? input->mNumberBuffers : 0, kRelaxed);
+        if (input != nullptr && input->mNumberBuffers > 0) {
+            state->lastInputChannels.store(input->mBuffers[0].mNumberChannels, kRelaxed);
+            state->lastInputBytes.store(input->mBuffers[0].mDataByteSize, kRelaxed);
+        }
+        master = state->masterGain.load(kRelaxed);
+        const uint32_t generation = state->resetGeneration.load(std::memory_order_acquire);
+        reset = generation != state->seenResetGeneration;
+        state->seenResetGeneration = generation;
+    }
+
+    CycleTotals totals{0.0F, false};
+    for (uint32_t slot = 0; slot < output->mNumberBuffers; ++slot) {
+        const AudioBuffer& buffer = output->mBuffers[slot];
+        if (!isRenderable(buffer)) continue;
+        const SlotSetup setup = prepareSlot(state, slot, reset, master);
+        if (buffer.mNumberChannels > 1) {
+            renderWideSlot(state, slot, setup, buffer, input, inputFrames, totals);
+            continue;
+        }
+        const uint64_t frames = outputFrames(buffer, inputFrames);
+        Lane lanes[2];
+        lanes[0] = makeLane(setup, buffer, 0, input, inputFrames);
+        // One-channel slots are the common shape of multi-speaker outputs; two neighbours
+        // of the same length share one pass.
+        const uint32_t next = slot + 1;
+        if (frames > 0 && next < output->mNumberBuffers) {
+            const AudioBuffer& neighbour = output->mBuffers[next];
+            if (isRenderable(neighbour) && neighbour.mNumberChannels == 1 &&
+                outputFrames(neighbour, inputFrames) == frames) {
+                const SlotSetup nextSetup = prepareSlot(state, next, reset, master);
+                lanes[1] = makeLane(nextSetup, neighbour, 0, input, inputFrames);
+                renderLanes(&lanes[0], &lanes[1], frames);
+                finishSlot(state, slot, setup, buffer, frames, &lanes[0], 1, totals);
+                finishSlot(state, next, nextSetup, neighbour, frames, &lanes[1], 1, totals);
+                slot = next;
+                continue;
+            }
+        }
+        if (frames > 0) renderLanes(&lanes[0], nullptr, frames);
+        finishSlot(state, slot, setup, buffer, frames, &lanes[0], 1, totals);
+    }
+
+    if (state == nullptr) return;
+    float stored = state->outputPeak.load(kRelaxed);
+    while (stored < totals.peak &&
+           !state->outputPeak.compare_exchange_weak(stored, totals.peak, kRelaxed, kRelaxed)) {
+    }
+    state->renderCycles.fetch_add(1, kRelaxed);
+    if (totals.isHeard) state->signalCycles.fetch_add(1, kRelaxed);
+}
+
+// --- Equaliser headroom -------------------------------------------------------------------
+
+extern "C" float EqualizerPeakBoost(const float* gains, double sampleRate) {
+    if (gains == nullptr || !(sampleRate > 0.0) || !std::isfinite(sampleRate)) return 0.0F;
+    BiquadCoefficients bands[kBands];
+    uint32_t count = 0;
+    for (uint32_t band = 0; band < kBands; ++band) {
+        if (gains[band] != 0.0F)
+            bands[count++] =
+                FilterDesignPeakingBand(band, static_cast<double>(gains[band]), sampleRate);
+    }
+    const double upper = std::fmin(0.45 * sampleRate, 20000.0);
+    if (upper < 20.0) return 0.0F;
+    constexpr double kPi = 3.14159265358979323846;
+    // One twentieth of an octave per step.
+    constexpr double kStep = 1.0353;
+    double best = 0.0;
+    for (double f = 20.0; f <= upper; f *= kStep) {
+        const double w = 2.0 * kPi * f / sampleRate;
+        const double c1 = std::cos(w);
+        const double s1 = std::sin(w);
+        const double c2 = std::cos(2.0 * w);
+        const double s2 = std::sin(2.0 * w);
+        double sum = 0.0;
+        for (uint32_t i = 0; i < count; ++i) {
+            const BiquadCoefficients& c = bands[i];
+            const double denReal = 1.0 + c.a1 * c1 + c.a2 * c2;
+            const double denImag = c.a1 * s1 + c.a2 * s2;
+            const double den2 = denReal * denReal + denImag * denImag;
+            if (den2 == 0.0) continue;
+            const double numReal = c.b0 + c.b1 * c1 + c.b2 * c2;
+            const double numImag = c.b1 * s1 + c.b2 * s2;
+            const double num2 = numReal * numReal + numImag * numImag;
+            const double ratio = std::sqrt(num2) / std::sqrt(den2);
+            sum += ratio > 0.0 ? 20.0 * std::log10(ratio) : -200.0;
+        }
+        if (sum > best) best = sum;
+    }
+    return static_cast<float>(best);
+}
