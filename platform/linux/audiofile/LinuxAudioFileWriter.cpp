@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -292,31 +293,45 @@ public:
     }
 
     void stopWriter() {
-        stopping.store(true, std::memory_order_release);
+        {
+            std::lock_guard<std::mutex> lock(wakeMutex);
+            stopping.store(true, std::memory_order_release);
+        }
+        wake.notify_one();
         if (writer.joinable()) writer.join();
     }
 
-    // Drains whatever is queued; after an error the frames are dropped so that the queue
-    // keeps moving and the error stays the first one.
+    // Drains whatever is queued. Frames queued before an overflow are good audio and are
+    // written; once the encoder or the disk has failed, frames are dropped so that the queue
+    // keeps moving and that failure stays the one reported.
     void drainOnce() {
         std::uint32_t frames = 0;
         while (const float* samples = ring.peek(&frames)) {
             if (frames == 0) break;
-            if (firstError.load(std::memory_order_acquire) == 0) {
+            if (!hasSinkFailed) {
                 OSStatus status = sink->write(samples, frames);
-                if (status != 0) noteError(status);
+                if (status != 0) {
+                    hasSinkFailed = true;
+                    noteError(status);
+                }
             }
             ring.consume(frames);
         }
     }
 
+    // The real-time side never wakes this thread (that would be a system call); it looks
+    // for frames every interval, and only the control thread's stop cuts a wait short.
     void drainLoop() {
         auto interval = std::chrono::duration<double>(drainInterval);
         for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(wakeMutex);
+                wake.wait_for(lock, interval,
+                              [this] { return stopping.load(std::memory_order_acquire); });
+            }
             bool isStopping = stopping.load(std::memory_order_acquire);
             drainOnce();
             if (isStopping) return;
-            std::this_thread::sleep_for(interval);
         }
     }
 
@@ -332,9 +347,12 @@ public:
     FrameRing ring;
     const double drainInterval;
     std::unique_ptr<Sink> sink;
+    bool hasSinkFailed = false; // the writer thread's, then the control thread's after join
     RecordingFile recording{};
     std::atomic<OSStatus> firstError{0};
     std::atomic<bool> stopping{false};
+    std::mutex wakeMutex; // between the control thread and the writer thread only
+    std::condition_variable wake;
     std::thread writer;
 
     static_assert(std::atomic<OSStatus>::is_always_lock_free);
