@@ -1,0 +1,75 @@
+// Helpers for the tests that run against the private PipeWire session: connecting the
+// backend, playing a known tone from another process, capturing what a speaker receives
+// (its monitor), and measuring levels and single frequencies in what was captured.
+//
+// Thread: the test's own thread; captures run on their own PipeWire thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/pipewire/PipeWireAudioHardware.h"
+
+namespace brightmix::testing {
+
+// The backend connected to the session the environment names, or null (the tests then
+// skip: no session was started for them).
+std::unique_ptr<pipewire::PipeWireAudioHardware>
+connectToSession(pipewire::PipeWireAudioHardware::Options options = {});
+
+// A folder for files the tests make, inside the session's folder.
+std::string scratchDirectory();
+
+// The watchdog executable this build made.
+std::string watchdogExecutable();
+
+// Writes a stereo 32-bit float WAV file of `seconds` of a sine at `hz` with peak
+// `amplitude` on both channels (amplitude 0 writes silence).
+void writeToneFile(const std::string& path, double hz, double amplitude, double seconds);
+
+// Another process that plays a file to a sink (pw-cat), stopped on destruction.
+class TonePlayer {
+public:
+    TonePlayer(const std::string& file, const std::string& target);
+    ~TonePlayer();
+    TonePlayer(const TonePlayer&) = delete;
+    TonePlayer& operator=(const TonePlayer&) = delete;
+    std::int32_t processID() const { return pid_; }
+
+private:
+    std::int32_t pid_ = 0;
+};
+
+// Records what a sink plays by capturing its monitor, in the sink's own channel layout.
+class MonitorCapture {
+public:
+    MonitorCapture(const std::string& sink, std::uint32_t channels);
+    ~MonitorCapture();
+    MonitorCapture(const MonitorCapture&) = delete;
+    MonitorCapture& operator=(const MonitorCapture&) = delete;
+
+    // Forgets what was captured so far.
+    void clear();
+    // Waits until `seconds` of audio have been captured since the last clear; false when
+    // that does not happen within a generous timeout.
+    bool waitFor(double seconds);
+    // One channel of what was captured since the last clear.
+    std::vector<float> channel(std::uint32_t index) const;
+
+    class Stream;
+
+private:
+    std::unique_ptr<Stream> stream_;
+};
+
+// Level of a signal as dB full scale (peak and RMS); -200 for silence.
+double peakDb(const std::vector<float>& samples);
+double rmsDb(const std::vector<float>& samples);
+// Amplitude of one frequency in the signal (Goertzel), as dB full scale of a sine peak.
+double toneDb(const std::vector<float>& samples, double hz, double rate = 48000.0);
+
+} // namespace brightmix::testing
