@@ -252,10 +252,13 @@ void scatter(Lane& lane, uint64_t start, uint32_t count, const float* x) {
 // Two streams side by side in one SSE2 register: the baseline x86-64 instruction set does
 // two double operations at once, so two channels cost about as much as one.
 typedef double Double2 __attribute__((vector_size(16)));
+typedef float Float2 __attribute__((vector_size(8)));
 
+// Rounds both lanes to single precision. Written with whole-vector conversions on purpose:
+// GCC 12 folds the element-wise form, Double2{(double)(float)v[0], ...}, into nothing at -O2,
+// which silently skips the rounding.
 Double2 roundToFloat(Double2 v) {
-    return Double2{static_cast<double>(static_cast<float>(v[0])),
-                   static_cast<double>(static_cast<float>(v[1]))};
+    return __builtin_convertvector(__builtin_convertvector(v, Float2), Double2);
 }
 
 double flushed(double value) {
