@@ -151,8 +151,8 @@ TEST_F(PipeWireBackend, ListsTheSpeakersAndTheMultiOutputDeviceWithItsMembers) {
     ASSERT_EQ(hardware->getPropertyValue(
                   multi, address(kAudioAggregateDevicePropertyFullSubDeviceList), &members),
               0);
-    EXPECT_EQ(members, PropertyList::array({PropertyList::string("desk_speakers"),
-                                            PropertyList::string("subwoofer")}));
+    EXPECT_EQ(members, PropertyList::array({PropertyList::string("subwoofer"),
+                                            PropertyList::string("desk_speakers")}));
     EXPECT_FALSE(
         hardware->hasProperty(desk, address(kAudioAggregateDevicePropertyFullSubDeviceList)));
     // PipeWire has no main member; the engine then takes the first.
@@ -260,11 +260,11 @@ TEST_F(PipeWireBackend, SeesAProcessThatPlaysAndTheDevicesItPlaysTo) {
               0);
     EXPECT_EQ(pid, player.processID());
 
-    // Brightmix itself is not in the list but can still be found to exclude it; the
-    // daemon, which owns the multi-output sink's member streams, is neither.
+    // Brightmix itself is listed, as on Core Audio, for the engine to exclude it; the
+    // daemon, which owns the multi-output sink's member streams, is not.
     AudioObjectID self = processOf(::getpid());
     EXPECT_NE(self, 0u);
-    EXPECT_EQ(std::find(processes.begin(), processes.end(), self), processes.end());
+    EXPECT_NE(std::find(processes.begin(), processes.end(), self), processes.end());
     auto graph = hardware->snapshot();
     for (const auto& [id, client] : graph.clients) {
         if (pipewire::propertyOf(client.properties, "core.daemon") == "true") {
@@ -323,14 +323,14 @@ protected:
         ASSERT_FALSE(tapUID.empty());
 
         PropertyList::Array members;
-        for (const char* uid : {"desk_speakers", "subwoofer"}) {
+        for (const char* uid : {"subwoofer", "desk_speakers"}) {
             members.push_back(PropertyList::dictionary({{"uid", PropertyList::string(uid)}}));
         }
         PropertyList description2 = PropertyList::dictionary(
             {{"name", PropertyList::string("Brightmix Private Router")},
              {"uid", PropertyList::string("com.corvale.brightmix.private.test-router")},
              {"subdevices", PropertyList::array(members)},
-             {"master", PropertyList::string("desk_speakers")},
+             {"master", PropertyList::string("subwoofer")},
              {"taps", PropertyList::array(
                           {PropertyList::dictionary({{"uid", PropertyList::string(tapUID)}})})},
              {"private", PropertyList::integer(1)},

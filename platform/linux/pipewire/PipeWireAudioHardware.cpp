@@ -701,12 +701,11 @@ public:
             return plain<AudioObjectID>(id, defaultMetadata != nullptr);
         }
         case kAudioHardwarePropertyProcessObjectList: {
+            // Like Core Audio's list this includes Brightmix itself; its users skip their
+            // own process by PID.
             std::vector<AudioObjectID> ids;
-            std::int32_t own = ::getpid();
             for (std::int32_t pid : graph.processIDs()) {
-                if (pid != own) {
-                    ids.push_back(processObjectID(pid));
-                }
+                ids.push_back(processObjectID(pid));
             }
             return objectList(ids);
         }
@@ -1738,7 +1737,8 @@ OSStatus PipeWireAudioHardware::getPropertyData(AudioObjectID object,
                                                 const AudioObjectPropertyAddress& address,
                                                 UInt32 qualifierDataSize, const void* qualifierData,
                                                 UInt32* ioDataSize, void* data) {
-    if (ioDataSize == nullptr || data == nullptr) {
+    // An empty buffer may come without an address: an empty list fits into it.
+    if (ioDataSize == nullptr || (data == nullptr && *ioDataSize != 0)) {
         return kAudio_ParamError;
     }
     Impl::Lock lock(impl_->loop);
