@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 #include <spawn.h>
@@ -78,6 +79,10 @@ std::string watchdogExecutable() {
 }
 
 void writeToneFile(const std::string& path, double hz, double amplitude, double seconds) {
+    writeToneFile(path, std::vector<Tone>{{hz, amplitude}}, seconds);
+}
+
+void writeToneFile(const std::string& path, const std::vector<Tone>& tones, double seconds) {
     const std::uint32_t rate = 48000;
     const std::uint16_t channels = 2;
     const auto frames = static_cast<std::uint32_t>(seconds * rate);
@@ -98,21 +103,42 @@ void writeToneFile(const std::string& path, double hz, double amplitude, double 
     out.write("data", 4);
     u32(dataBytes);
     for (std::uint32_t f = 0; f < frames; ++f) {
-        auto sample = static_cast<float>(amplitude * std::sin(2.0 * M_PI * hz * f / rate));
+        double value = 0;
+        for (const Tone& tone : tones) {
+            value += tone.amplitude * std::sin(2.0 * M_PI * tone.hz * f / rate);
+        }
+        auto sample = static_cast<float>(value);
         out.write(reinterpret_cast<const char*>(&sample), 4);
         out.write(reinterpret_cast<const char*>(&sample), 4);
     }
 }
 
-TonePlayer::TonePlayer(const std::string& file, const std::string& target) {
+TonePlayer::TonePlayer(const std::string& file, const std::string& target,
+                       const std::string& applicationID) {
     std::vector<std::string> words = {"pw-cat", "--playback", "--target", target, file};
+    if (!applicationID.empty()) {
+        words = {"paplay", "--device=" + target, file};
+    }
     std::vector<char*> arguments;
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
+    std::vector<std::string> environment;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        environment.emplace_back(*variable);
+    }
+    if (!applicationID.empty()) {
+        environment.push_back("PULSE_PROP=application.id=" + applicationID);
+    }
+    std::vector<char*> environmentPointers;
+    for (std::string& variable : environment) {
+        environmentPointers.push_back(variable.data());
+    }
+    environmentPointers.push_back(nullptr);
     pid_t pid = 0;
-    if (posix_spawnp(&pid, "pw-cat", nullptr, nullptr, arguments.data(), environ) == 0) {
+    if (posix_spawnp(&pid, words[0].c_str(), nullptr, nullptr, arguments.data(),
+                     environmentPointers.data()) == 0) {
         pid_ = pid;
     }
 }
@@ -221,13 +247,25 @@ bool MonitorCapture::waitFor(double seconds) {
     return false;
 }
 
-std::vector<float> MonitorCapture::channel(std::uint32_t index) const {
+std::vector<float> MonitorCapture::channel(std::uint32_t index, std::size_t frames) const {
     std::lock_guard lock(stream_->mutex_);
     std::vector<float> result;
-    for (std::size_t i = index; i < stream_->samples_.size(); i += stream_->channels_) {
+    for (std::size_t i = index; i < stream_->samples_.size() && result.size() < frames;
+         i += stream_->channels_) {
         result.push_back(stream_->samples_[i]);
     }
     return result;
+}
+
+std::vector<float> MonitorCapture::listen(std::uint32_t index, double settleSeconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(settleSeconds));
+    clear();
+    if (!waitFor(0.5)) {
+        // An empty capture would read as silence and pass a silence check.
+        ADD_FAILURE() << "the monitor capture received no audio";
+        return {};
+    }
+    return channel(index, 24000);
 }
 
 double peakDb(const std::vector<float>& samples) {

@@ -31,10 +31,20 @@ std::string watchdogExecutable();
 // `amplitude` on both channels (amplitude 0 writes silence).
 void writeToneFile(const std::string& path, double hz, double amplitude, double seconds);
 
-// Another process that plays a file to a sink (pw-cat), stopped on destruction.
+struct Tone {
+    double hz = 1000;
+    double amplitude = 0.5;
+};
+// The same with several sines summed.
+void writeToneFile(const std::string& path, const std::vector<Tone>& tones, double seconds);
+
+// Another process that plays a file to a sink (pw-cat), stopped on destruction. With an
+// application ID the player goes through the PulseAudio API (paplay on pipewire-pulse),
+// which reports that ID as the client's application.id.
 class TonePlayer {
 public:
-    TonePlayer(const std::string& file, const std::string& target);
+    TonePlayer(const std::string& file, const std::string& target,
+               const std::string& applicationID = {});
     ~TonePlayer();
     TonePlayer(const TonePlayer&) = delete;
     TonePlayer& operator=(const TonePlayer&) = delete;
@@ -57,8 +67,12 @@ public:
     // Waits until `seconds` of audio have been captured since the last clear; false when
     // that does not happen within a generous timeout.
     bool waitFor(double seconds);
-    // One channel of what was captured since the last clear.
-    std::vector<float> channel(std::uint32_t index) const;
+    // One channel of what was captured since the last clear, at most `frames` of it.
+    std::vector<float> channel(std::uint32_t index, std::size_t frames = SIZE_MAX) const;
+    // Clears, waits for half a second of audio (after `settleSeconds` to let a change
+    // reach the speaker) and answers one channel of exactly half a second; empty when no
+    // audio came.
+    std::vector<float> listen(std::uint32_t index, double settleSeconds = 0.25);
 
     class Stream;
 
