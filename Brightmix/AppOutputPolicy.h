@@ -4,7 +4,9 @@
 // about two seconds of playback. Brief pauses keep the current output. When all apps stop, the
 // output stays as it is. A manual output choice holds until new app playback starts."
 //
-// A plain value: no timer, no device access, no persistence.
+// A plain value: no timer, no device access, no persistence. It does not merge rules that
+// share a bundle ID (the editor keeps one per app); such an app's history advances once per
+// rule in each poll.
 //
 // Counters never wrap: an increment past the largest 64-bit value aborts the program with a
 // message on standard error. At one poll a second this is unreachable; a wrapped counter,

@@ -51,7 +51,13 @@ AppPlaybackMonitor::pollTaps(const std::vector<AppOutputRule>& rules) {
     });
 
     BundleIDSet heard;
+    // A bundle ID listed twice is read once: a second take would find the counter empty and
+    // count a poll without callbacks that did have them.
+    BundleIDSet visited;
     for (const auto& rule : rules) {
+        if (!visited.insert(rule.bundleID).second) {
+            continue;
+        }
         const auto found = processes.find(rule.bundleID);
         if (found == processes.end() || found->second.empty()) {
             continue;

@@ -237,6 +237,18 @@ TEST_F(AppPlaybackMonitorTests, FourPollsWithoutCallbacksAreToleratedTheFifthFai
     EXPECT_EQ(monitor.tapCount(), 1u);
 }
 
+TEST_F(AppPlaybackMonitorTests, AnAppListedTwiceIsReadOncePerPoll) {
+    addApp(501, kPlayer, "/Applications/Player.app");
+    rules.push_back({kPlayer, "Player", "out-3", "Headphones"});
+    ASSERT_TRUE(monitor.poll(rules));
+    for (int poll = 2; poll <= 6; ++poll) {
+        play(kPlayer, 7200);
+        EXPECT_EQ(monitor.poll(rules), BundleIDSet{kPlayer}) << poll;
+        EXPECT_EQ(monitor.tap(kPlayer)->missingCallbackPolls(), 0);
+    }
+    EXPECT_EQ(sim.liveTaps(), 1u);
+}
+
 TEST_F(AppPlaybackMonitorTests, SuppressedCallbacksAreTheSameAsNone) {
     addApp(501, kPlayer, "/Applications/Player.app");
     ASSERT_TRUE(monitor.poll(rules));
