@@ -8,18 +8,6 @@
 namespace brightmix {
 namespace {
 
-TEST(AppOutputRuleTests, EqualityAndIdentity) {
-    const AppOutputRule rule{"com.example.player", "Player", "uid-1", "Desk Speakers"};
-    EXPECT_EQ(rule.id(), "com.example.player");
-    for (int field = 0; field < 4; ++field) {
-        AppOutputRule other = rule;
-        std::string* members[] = {&other.bundleID, &other.appName, &other.outputUID,
-                                  &other.outputName};
-        *members[field] += "x";
-        EXPECT_NE(rule, other) << "field " << field;
-    }
-}
-
 TEST(AppOutputRuleTests, RoundTripKeepsOrderAndText) {
     const std::vector<AppOutputRule> rules = {
         {"com.example.player", "Player", "uid-1", "Desk Speakers"},

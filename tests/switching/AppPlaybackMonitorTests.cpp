@@ -160,14 +160,6 @@ TEST_F(AppPlaybackMonitorTests, ExactlyThePlayingThresholdCountsAgainstTheTapsOw
     }
 }
 
-TEST_F(AppPlaybackMonitorTests, SilenceIsNotPlaying) {
-    addApp(501, kPlayer, "/Applications/Player.app");
-    ASSERT_TRUE(monitor.poll(rules));
-    sim.setTapsDeliverSilence(true);
-    play(kPlayer, 48000);
-    EXPECT_EQ(monitor.poll(rules), BundleIDSet{});
-}
-
 TEST_F(AppPlaybackMonitorTests, AChangedProcessSetRebuildsTheTapWithAFreshCounter) {
     addApp(501, kPlayer, "/Applications/Player.app");
     ASSERT_TRUE(monitor.poll(rules));
@@ -247,19 +239,6 @@ TEST_F(AppPlaybackMonitorTests, AnAppListedTwiceIsReadOncePerPoll) {
         EXPECT_EQ(monitor.tap(kPlayer)->missingCallbackPolls(), 0);
     }
     EXPECT_EQ(sim.liveTaps(), 1u);
-}
-
-TEST_F(AppPlaybackMonitorTests, SuppressedCallbacksAreTheSameAsNone) {
-    addApp(501, kPlayer, "/Applications/Player.app");
-    ASSERT_TRUE(monitor.poll(rules));
-    sim.setCallbacksSuppressed(monitor.tap(kPlayer)->aggregateID(), true);
-    for (int poll = 2; poll <= 4; ++poll) {
-        sim.pumpCycle(monitor.tap(kPlayer)->aggregateID(), 512);
-        ASSERT_TRUE(monitor.poll(rules));
-    }
-    sim.pumpCycle(monitor.tap(kPlayer)->aggregateID(), 512);
-    EXPECT_THROW(monitor.poll(rules), AudioDeviceError);
-    expectNothingLeft();
 }
 
 TEST_F(AppPlaybackMonitorTests, AnyFailureDropsEveryTapAndLeavesNothingBehind) {
