@@ -45,6 +45,41 @@ std::string rateText(double rate) {
     return text.str();
 }
 
+// The private router: the kept members in order (the clock without drift correction), the
+// tap as its input, and a fresh UID so that no two routers ever share one. Built entry by
+// entry into place rather than from nested temporaries.
+PropertyList routerDescription(const std::vector<AudioDevice>& members, const std::string& clockUID,
+                               const std::string& tapUID) {
+    const PropertyList driftQuality =
+        PropertyList::unsignedInteger(kAudioAggregateDriftCompensationHighQuality);
+    PropertyList memberEntries = PropertyList::array();
+    for (const AudioDevice& member : members) {
+        PropertyList& entry = memberEntries.asArray()->emplace_back(PropertyList::dictionary());
+        PropertyList::Dictionary& fields = *entry.asDictionary();
+        fields[kAudioSubDeviceUIDKey] = PropertyList::string(member.uid);
+        fields[kAudioSubDeviceInputChannelsKey] = integer(0);
+        fields[kAudioSubDeviceDriftCompensationKey] = integer(member.uid == clockUID ? 0 : 1);
+        fields[kAudioSubDeviceDriftCompensationQualityKey] = driftQuality;
+    }
+    PropertyList taps = PropertyList::array();
+    PropertyList& tapEntry = taps.asArray()->emplace_back(PropertyList::dictionary());
+    (*tapEntry.asDictionary())[kAudioSubTapUIDKey] = PropertyList::string(tapUID);
+    (*tapEntry.asDictionary())[kAudioSubTapDriftCompensationKey] = integer(1);
+    (*tapEntry.asDictionary())[kAudioSubTapDriftCompensationQualityKey] = driftQuality;
+
+    PropertyList description = PropertyList::dictionary();
+    PropertyList::Dictionary& keys = *description.asDictionary();
+    keys[kAudioAggregateDeviceNameKey] = PropertyList::string(SoftwareVolumeEngine::kRouterName);
+    keys[kAudioAggregateDeviceUIDKey] =
+        PropertyList::string(std::string(kPrivateDeviceUIDPrefix) + makeRandomUuidString());
+    keys[kAudioAggregateDeviceSubDeviceListKey] = memberEntries;
+    keys[kAudioAggregateDeviceMainSubDeviceKey] = PropertyList::string(clockUID);
+    keys[kAudioAggregateDeviceTapListKey] = taps;
+    keys[kAudioAggregateDeviceIsPrivateKey] = integer(1);
+    keys[kAudioAggregateDeviceIsStackedKey] = integer(0);
+    return description;
+}
+
 } // namespace
 
 SoftwareVolumeEngine::SoftwareVolumeEngine(AudioDeviceService& devices, float initialVolume,
@@ -116,33 +151,7 @@ void SoftwareVolumeEngine::start(const AudioDevice& device, AudioCaptureMode mod
                          [&](const AudioDevice& member) { return member.uid == clockUID; }))
             clockUID = members.front().uid;
 
-        PropertyList::Array memberEntries;
-        for (const AudioDevice& member : members) {
-            memberEntries.push_back(PropertyList::Dictionary{
-                {kAudioSubDeviceUIDKey, member.uid},
-                {kAudioSubDeviceInputChannelsKey, integer(0)},
-                {kAudioSubDeviceDriftCompensationKey, integer(member.uid == clockUID ? 0 : 1)},
-                {kAudioSubDeviceDriftCompensationQualityKey,
-                 PropertyList::unsignedInteger(kAudioAggregateDriftCompensationHighQuality)},
-            });
-        }
-        PropertyList::Dictionary tapEntry{
-            {kAudioSubTapUIDKey, *tapUID},
-            {kAudioSubTapDriftCompensationKey, integer(1)},
-            {kAudioSubTapDriftCompensationQualityKey,
-             PropertyList::unsignedInteger(kAudioAggregateDriftCompensationHighQuality)},
-        };
-        PropertyList description = PropertyList::Dictionary{
-            {kAudioAggregateDeviceNameKey, kRouterName},
-            {kAudioAggregateDeviceUIDKey,
-             std::string(kPrivateDeviceUIDPrefix) + makeRandomUuidString()},
-            {kAudioAggregateDeviceSubDeviceListKey, std::move(memberEntries)},
-            {kAudioAggregateDeviceMainSubDeviceKey, clockUID},
-            {kAudioAggregateDeviceTapListKey, PropertyList::Array{std::move(tapEntry)}},
-            {kAudioAggregateDeviceIsPrivateKey, integer(1)},
-            {kAudioAggregateDeviceIsStackedKey, integer(0)},
-        };
-
+        PropertyList description = routerDescription(members, clockUID, *tapUID);
         AudioObjectID createdAggregate = 0;
         status = hardware_.createAggregateDevice(description, &createdAggregate);
         if (status == 0) aggregateID_ = createdAggregate;
