@@ -7,17 +7,47 @@
 
 namespace brightmix {
 
-PropertyList PropertyList::boolean(bool flag) { return PropertyList(Value(flag)); }
-PropertyList PropertyList::integer(std::int64_t number) { return PropertyList(Value(number)); }
-PropertyList PropertyList::unsignedInteger(std::uint64_t number) {
-    return PropertyList(Value(number));
+// Each factory builds the alternative in place: moving a whole variant in makes GCC 12 warn
+// about the storage it is about to overwrite.
+PropertyList PropertyList::boolean(bool flag) {
+    PropertyList value;
+    value.value_.emplace<bool>(flag);
+    return value;
 }
-PropertyList PropertyList::real(double number) { return PropertyList(Value(number)); }
-PropertyList PropertyList::string(std::string text) { return PropertyList(Value(std::move(text))); }
-PropertyList PropertyList::data(Data bytes) { return PropertyList(Value(std::move(bytes))); }
-PropertyList PropertyList::array(Array items) { return PropertyList(Value(std::move(items))); }
+PropertyList PropertyList::integer(std::int64_t number) {
+    PropertyList value;
+    value.value_.emplace<std::int64_t>(number);
+    return value;
+}
+PropertyList PropertyList::unsignedInteger(std::uint64_t number) {
+    PropertyList value;
+    value.value_.emplace<std::uint64_t>(number);
+    return value;
+}
+PropertyList PropertyList::real(double number) {
+    PropertyList value;
+    value.value_.emplace<double>(number);
+    return value;
+}
+PropertyList PropertyList::string(std::string text) {
+    PropertyList value;
+    value.value_.emplace<std::string>(std::move(text));
+    return value;
+}
+PropertyList PropertyList::data(Data bytes) {
+    PropertyList value;
+    value.value_.emplace<Data>(std::move(bytes));
+    return value;
+}
+PropertyList PropertyList::array(Array items) {
+    PropertyList value;
+    value.value_.emplace<Array>(std::move(items));
+    return value;
+}
 PropertyList PropertyList::dictionary(Dictionary entries) {
-    return PropertyList(Value(std::move(entries)));
+    PropertyList value;
+    value.value_.emplace<Dictionary>(std::move(entries));
+    return value;
 }
 
 std::optional<bool> PropertyList::asBoolean() const {
@@ -52,14 +82,24 @@ std::optional<double> PropertyList::asNumber() const {
     return std::nullopt;
 }
 
-const std::string* PropertyList::asString() const { return std::get_if<std::string>(&value_); }
-const PropertyList::Data* PropertyList::asData() const { return std::get_if<Data>(&value_); }
-const PropertyList::Array* PropertyList::asArray() const { return std::get_if<Array>(&value_); }
-PropertyList::Array* PropertyList::asArray() { return std::get_if<Array>(&value_); }
+const std::string* PropertyList::asString() const {
+    return std::get_if<std::string>(&value_);
+}
+const PropertyList::Data* PropertyList::asData() const {
+    return std::get_if<Data>(&value_);
+}
+const PropertyList::Array* PropertyList::asArray() const {
+    return std::get_if<Array>(&value_);
+}
+PropertyList::Array* PropertyList::asArray() {
+    return std::get_if<Array>(&value_);
+}
 const PropertyList::Dictionary* PropertyList::asDictionary() const {
     return std::get_if<Dictionary>(&value_);
 }
-PropertyList::Dictionary* PropertyList::asDictionary() { return std::get_if<Dictionary>(&value_); }
+PropertyList::Dictionary* PropertyList::asDictionary() {
+    return std::get_if<Dictionary>(&value_);
+}
 
 const PropertyList* PropertyList::find(std::string_view key) const {
     const auto* entries = asDictionary();
@@ -80,22 +120,17 @@ void appendQuoted(std::string& out, const std::string& text) {
 }
 
 void appendDescription(std::string& out, const PropertyList& value) {
-    switch (value.kind()) {
-    case PropertyList::Kind::null:
-        out += "null";
-        break;
-    case PropertyList::Kind::boolean:
-        out += *value.asBoolean() ? "true" : "false";
-        break;
-    case PropertyList::Kind::integer:
-        out += std::to_string(*value.asInteger());
-        break;
-    case PropertyList::Kind::unsignedInteger:
-        out += std::to_string(*value.asUnsignedInteger());
+    // Typed access rather than a switch on the kind: every pointer is checked where it is
+    // used, which also keeps the optimiser's null-dereference analysis quiet.
+    if (const auto flag = value.asBoolean()) {
+        out += *flag ? "true" : "false";
+    } else if (value.kind() == PropertyList::Kind::integer) {
+        out += std::to_string(value.asInteger().value_or(0));
+    } else if (value.kind() == PropertyList::Kind::unsignedInteger) {
+        out += std::to_string(value.asUnsignedInteger().value_or(0));
         out += 'u';
-        break;
-    case PropertyList::Kind::real: {
-        const double number = *value.asNumber();
+    } else if (value.kind() == PropertyList::Kind::real) {
+        const double number = value.asNumber().value_or(0.0);
         if (std::isfinite(number)) {
             char text[40];
             std::snprintf(text, sizeof text, "%.17g", number);
@@ -103,29 +138,23 @@ void appendDescription(std::string& out, const PropertyList& value) {
         } else {
             out += std::isnan(number) ? "nan" : (number > 0 ? "inf" : "-inf");
         }
-        break;
-    }
-    case PropertyList::Kind::string:
-        appendQuoted(out, *value.asString());
-        break;
-    case PropertyList::Kind::data:
-        out += "<" + std::to_string(value.asData()->size()) + " bytes>";
-        break;
-    case PropertyList::Kind::array: {
+    } else if (const auto* text = value.asString()) {
+        appendQuoted(out, *text);
+    } else if (const auto* bytes = value.asData()) {
+        out += "<" + std::to_string(bytes->size()) + " bytes>";
+    } else if (const auto* items = value.asArray()) {
         out += '[';
         bool first = true;
-        for (const auto& item : *value.asArray()) {
+        for (const auto& item : *items) {
             if (!first) out += ", ";
             first = false;
             appendDescription(out, item);
         }
         out += ']';
-        break;
-    }
-    case PropertyList::Kind::dictionary: {
+    } else if (const auto* entries = value.asDictionary()) {
         out += '{';
         bool first = true;
-        for (const auto& [key, item] : *value.asDictionary()) {
+        for (const auto& [key, item] : *entries) {
             if (!first) out += ", ";
             first = false;
             appendQuoted(out, key);
@@ -133,12 +162,12 @@ void appendDescription(std::string& out, const PropertyList& value) {
             appendDescription(out, item);
         }
         out += '}';
-        break;
-    }
+    } else {
+        out += "null";
     }
 }
 
-}  // namespace
+} // namespace
 
 std::string PropertyList::description() const {
     std::string out;
@@ -146,4 +175,4 @@ std::string PropertyList::description() const {
     return out;
 }
 
-}  // namespace brightmix
+} // namespace brightmix
