@@ -78,16 +78,16 @@ inline std::string standardizedPath(std::string_view path) {
         }
         position = end + 1;
     }
-    std::string result;
     const bool isAbsolute = !path.empty() && path.front() == '/';
+    if (kept.empty()) {
+        return std::string(1, isAbsolute ? '/' : '.');
+    }
+    std::string result;
     for (std::size_t index = 0; index < kept.size(); ++index) {
         if (index > 0 || isAbsolute) {
             result += '/';
         }
         result += kept[index];
-    }
-    if (result.empty()) {
-        result = isAbsolute ? "/" : ".";
     }
     return result;
 }
