@@ -5,7 +5,8 @@
 #   3. builds optimised with warnings as errors and runs every test through CTest
 #      (unit tests, and the end-to-end tests against a private PipeWire session),
 #   4. builds with AddressSanitizer + UBSan and runs the unit tests,
-#   5. builds with ThreadSanitizer and runs the concurrency stress tests,
+#   5. builds with ThreadSanitizer and runs the concurrency stress tests and the tests
+#      whose IO runs on real threads,
 #   6. builds the libFuzzer targets with clang and runs each for a bounded time,
 #   7. runs every benchmark once, briefly, so that none rots.
 # Set BRIGHTMIX_FUZZ_SECONDS to change the fuzzing time per target (default 30).
@@ -45,9 +46,12 @@ done_stage
 
 stage "ThreadSanitizer stress"
 cmake --preset tsan >/dev/null
-cmake --build --preset tsan -j "$jobs" --target brightmix_stress_tests
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-    ./build/tsan/tests/brightmix_stress_tests --gtest_brief=1
+# The stress tests, and the detection tests whose taps run on real IO threads.
+cmake --build --preset tsan -j "$jobs" --target brightmix_stress_tests brightmix_tests_switching
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+./build/tsan/tests/brightmix_stress_tests --gtest_brief=1
+./build/tsan/tests/brightmix_tests_switching --gtest_brief=1
+unset TSAN_OPTIONS
 done_stage
 
 stage "fuzzing, ${fuzz_seconds} s per target"
