@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "Brightmix/OutputLevelMeter.h"
+#include "platform/sim/VirtualMainLoop.h"
 #include "realtime/ProcessingState.h"
 
 namespace brightmix {
@@ -185,6 +187,28 @@ TEST(OutputLevelMeterTextTest, SilentAtTheFloorElseRoundedDecibels) {
     for (auto [decibels, text] : cases)
         EXPECT_EQ(OutputLevelMeter::displayText(decibels), text) << decibels;
     EXPECT_STREQ(OutputLevelMeter::kAccessibilityLabel, "Output level");
+}
+
+TEST(OutputLevelMeterTimerTest, TicksEveryFiftyMillisecondsOfVirtualTime) {
+    VirtualMainLoop loop;
+    OutputLevelMeter meter(loop, nullptr);
+    int ticks = 0;
+    float peak = 1.0f;
+    meter.start([&] {
+        ++ticks;
+        return std::exchange(peak, 0.0f);
+    });
+    loop.advance(0.05);
+    EXPECT_EQ(meter.envelope().decibels, 0);
+    loop.advance(0.501);  // ten more ticks: 0.5 s after the peak
+    EXPECT_NEAR(meter.envelope().decibels, -36, 1e-6);
+    EXPECT_EQ(ticks, 11);
+    loop.advance(0.35); // 0.85 s after the peak
+    EXPECT_EQ(meter.envelope().decibels, -60);
+    meter.stop();
+    loop.advance(1);
+    EXPECT_EQ(ticks, 18);
+    EXPECT_EQ(loop.pendingTimers(), 0u);
 }
 
 } // namespace

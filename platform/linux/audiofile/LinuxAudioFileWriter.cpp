@@ -77,34 +77,39 @@ public:
     virtual OSStatus finish() = 0;
 };
 
+// libsndfile writes through a descriptor we own, so that closing it is ours to check too
+// (a network or full disk may only say so at close).
 class WavSink final : public Sink {
 public:
-    WavSink(SNDFILE* file, std::uint32_t channels) : file_(file), channels_(channels) {}
-    ~WavSink() override {
-        if (file_) sf_close(file_);
-    }
+    WavSink(SNDFILE* file, int descriptor) : file_(file), descriptor_(descriptor) {}
+    ~WavSink() override { finish(); }
 
     OSStatus write(const float* interleaved, std::uint32_t frames) override {
         errno = 0;
         sf_count_t written = sf_writef_float(file_, interleaved, sf_count_t(frames));
         if (written != sf_count_t(frames))
             return errno != 0 ? audioFileStatusForErrno(errno) : kAudioFileUnspecifiedError;
-        (void)channels_;
         return 0;
     }
 
     OSStatus finish() override {
-        errno = 0;
-        int result = sf_close(file_);
-        file_ = nullptr;
-        if (result != 0)
-            return errno != 0 ? audioFileStatusForErrno(errno) : kAudioFileUnspecifiedError;
-        return 0;
+        OSStatus status = 0;
+        if (file_) {
+            errno = 0;
+            if (sf_close(file_) != 0)
+                status = errno != 0 ? audioFileStatusForErrno(errno) : kAudioFileUnspecifiedError;
+            file_ = nullptr;
+        }
+        if (descriptor_ >= 0) {
+            if (::close(descriptor_) != 0 && status == 0) status = audioFileStatusForErrno(errno);
+            descriptor_ = -1;
+        }
+        return status;
     }
 
 private:
     SNDFILE* file_;
-    std::uint32_t channels_;
+    int descriptor_;
 };
 
 class AacSink final : public Sink {
@@ -452,12 +457,12 @@ OSStatus LinuxAudioFileWriter::create(const std::string& path, AudioFileTypeID f
         info.samplerate = int(std::lround(fileFormat.mSampleRate));
         info.channels = int(fileFormat.mChannelsPerFrame);
         info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-        SNDFILE* sound = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
+        SNDFILE* sound = sf_open_fd(descriptor, SFM_WRITE, &info, SF_FALSE);
         if (!sound) {
             ::close(descriptor);
             return removeAndFail(kAudioFileUnspecifiedError);
         }
-        created->sink = std::make_unique<WavSink>(sound, fileFormat.mChannelsPerFrame);
+        created->sink = std::make_unique<WavSink>(sound, descriptor);
     } else {
         ::close(descriptor);
         auto sink = std::make_unique<AacSink>();
