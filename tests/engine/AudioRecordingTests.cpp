@@ -350,16 +350,5 @@ TEST_F(AudioRecordingTest, TeardownFinishesAnOpenFile) {
     EXPECT_EQ(RecordingTapFramesWritten(tap.get()), 2400u);
 }
 
-TEST(RecordingFormatTest, RawValuesAndNames) {
-    EXPECT_EQ(rawValue(RecordingFormat::m4a), "m4a");
-    EXPECT_EQ(rawValue(RecordingFormat::wav), "wav");
-    EXPECT_EQ(displayName(RecordingFormat::m4a), "M4A");
-    EXPECT_EQ(displayName(RecordingFormat::wav), "WAV (lossless)");
-    EXPECT_EQ(recordingFormatFromRawValue("wav"), RecordingFormat::wav);
-    EXPECT_EQ(recordingFormatFromRawValue("m4a"), RecordingFormat::m4a);
-    EXPECT_EQ(recordingFormatFromRawValue("WAV"), std::nullopt);
-    EXPECT_EQ(kRecordingFormats[0], RecordingFormat::m4a);
-}
-
 } // namespace
 } // namespace brightmix

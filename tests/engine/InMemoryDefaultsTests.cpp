@@ -1,25 +1,10 @@
-// The settings domain held in memory, and the Boolean reading every switch goes through.
+// The Boolean reading of the settings domain that every switch goes through.
 #include <gtest/gtest.h>
 
 #include "platform/sim/InMemoryDefaults.h"
 
 namespace brightmix {
 namespace {
-
-TEST(InMemoryDefaultsTest, StoresReplacesRemovesAndForgetsTheDomain) {
-    InMemoryDefaults defaults;
-    EXPECT_FALSE(defaults.get("volume"));
-    defaults.set("volume", PropertyList::real(0.5));
-    defaults.set("volume", PropertyList::real(0.25));
-    defaults.set("name", "Desk");
-    EXPECT_EQ(defaults.get("volume"), PropertyList::real(0.25));
-    defaults.remove("volume");
-    defaults.remove("absent");
-    EXPECT_FALSE(defaults.get("volume"));
-    EXPECT_EQ(defaults.get("name"), PropertyList("Desk"));
-    defaults.removeDomain();
-    EXPECT_TRUE(defaults.values().empty());
-}
 
 TEST(InMemoryDefaultsTest, BooleansReadLikeTheSettingsDomainReadsThem) {
     const std::pair<PropertyList, bool> cases[] = {

@@ -200,7 +200,7 @@ TEST(OutputLevelMeterTimerTest, TicksEveryFiftyMillisecondsOfVirtualTime) {
     });
     loop.advance(0.05);
     EXPECT_EQ(meter.envelope().decibels, 0);
-    loop.advance(0.501);  // ten more ticks: 0.5 s after the peak
+    loop.advance(0.501); // ten more ticks: 0.5 s after the peak
     EXPECT_NEAR(meter.envelope().decibels, -36, 1e-6);
     EXPECT_EQ(ticks, 11);
     loop.advance(0.35); // 0.85 s after the peak
