@@ -37,6 +37,8 @@ void OutputLevelMeter::stop() {
 }
 
 void OutputLevelMeter::resetToFloor() {
+    // The last loud peak would otherwise come back at the next tick.
+    ProcessingTakeOutputPeak(state_);
     publish(kFloorDecibels);
 }
 

@@ -44,7 +44,8 @@ public:
     void stop();
     bool isRunning() const { return timer_ != 0; }
 
-    // Drops to the floor at once (mute or volume 0), publishing if that is a change.
+    // Drops to the floor at once and discards the pending output peak (mute or volume 0),
+    // publishing if that is a change.
     void resetToFloor();
 
     const OutputLevelEnvelope& envelope() const { return envelope_; }

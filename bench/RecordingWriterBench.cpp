@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <numbers>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,9 +53,9 @@ AudioFileHandle* open(LinuxAudioFileWriter& writer, AudioFileTypeID type,
 std::vector<float> music(std::size_t frames) {
     std::vector<float> samples(2 * frames);
     for (std::size_t f = 0; f < frames; ++f) {
-        samples[2 * f] = float(0.4 * std::sin(2 * M_PI * 440 * double(f) / kRate) +
-                               0.1 * std::sin(2 * M_PI * 3100 * double(f) / kRate));
-        samples[2 * f + 1] = float(0.4 * std::sin(2 * M_PI * 660 * double(f) / kRate));
+        samples[2 * f] = float(0.4 * std::sin(2 * std::numbers::pi * 440 * double(f) / kRate) +
+                               0.1 * std::sin(2 * std::numbers::pi * 3100 * double(f) / kRate));
+        samples[2 * f + 1] = float(0.4 * std::sin(2 * std::numbers::pi * 660 * double(f) / kRate));
     }
     return samples;
 }

@@ -152,6 +152,15 @@ TEST_F(OutputLevelMeterTest, StartClearsAStalePeakAndStopDropsToTheFloor) {
     ProcessingRender(&input, &output, state);
     loop.fireAt(loop.uptime() + 0.05);
     EXPECT_EQ(withState.envelope().decibels, 0);
+    // Muting drops the meter at once and the peak of the last loud cycle is not shown later.
+    ProcessingRender(&input, &output, state);
+    withState.resetToFloor();
+    EXPECT_EQ(withState.envelope().decibels, -60);
+    ProcessingSetMasterGain(state, 0);
+    ProcessingRender(&input, &output, state);
+    loop.fireAt(loop.uptime() + 0.05);
+    EXPECT_EQ(withState.envelope().decibels, -60);
+
     withState.stop();
     EXPECT_FALSE(withState.isRunning());
     EXPECT_EQ(withState.envelope().decibels, -60);
