@@ -309,9 +309,11 @@ TEST_P(AudioHardwareContract, CreatesReadsAndDestroysTaps) {
     EXPECT_EQ(hardware().getPropertyData(deviceTap, global(kAudioTapPropertyFormat), 0, nullptr,
                                          &size, &format),
               0);
-    EXPECT_EQ(format.mChannelsPerFrame,
-              streamChannels(deviceWithUID(scene().firstMemberUID), kAudioObjectPropertyScopeOutput)
-                  .at(0));
+    // Core Audio takes the tapped stream's layout; a backend whose streams are mono ports may
+    // tap the whole device. Either way the tap carries no more channels than the device has.
+    EXPECT_TRUE(isFloat32(format));
+    EXPECT_GE(format.mChannelsPerFrame, 1u);
+    EXPECT_LE(format.mChannelsPerFrame, scene().firstMemberChannels);
     EXPECT_EQ(hardware().destroyProcessTap(deviceTap), 0);
 }
 
@@ -396,7 +398,9 @@ TEST_P(AudioHardwareContract, RunsAnIOProcBetweenStartAndStop) {
     EXPECT_GT(probe.cycles.load(), 0);
     EXPECT_EQ(probe.outputBuffers.load(),
               streamChannels(aggregate, kAudioObjectPropertyScopeOutput).size());
-    EXPECT_EQ(probe.firstOutputChannels.load(), scene().firstMemberChannels);
+    EXPECT_EQ(probe.firstOutputChannels.load(),
+              streamChannels(deviceWithUID(scene().firstMemberUID), kAudioObjectPropertyScopeOutput)
+                  .at(0));
     EXPECT_GE(probe.inputBuffers.load(), 1u);
 
     EXPECT_EQ(hardware().stopDevice(aggregate, proc), 0);
