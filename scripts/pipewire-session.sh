@@ -55,7 +55,15 @@ wait_for() {
 
 is_running() {
     local file=$dir/run/$1.pid
-    [ -f "$file" ] && kill -0 "$(cat "$file")" 2>/dev/null
+    [ -f "$file" ] && is_alive "$(cat "$file")"
+}
+
+# Alive and not yet a zombie: an orphaned daemon that exited may wait a while for its
+# new parent to reap it, and must not count as running meanwhile.
+is_alive() {
+    local state
+    state=$(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null) || return 1
+    [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
 }
 
 stop_one() {
@@ -63,13 +71,13 @@ stop_one() {
     [ -f "$file" ] || return 0
     local pid
     pid=$(cat "$file")
-    if kill -0 "$pid" 2>/dev/null; then
+    if is_alive "$pid"; then
         kill -TERM "$pid" 2>/dev/null || true
         for _ in $(seq 100); do
-            kill -0 "$pid" 2>/dev/null || break
-            sleep 0.05
+            is_alive "$pid" || break
+            sleep 0.02
         done
-        if kill -0 "$pid" 2>/dev/null; then
+        if is_alive "$pid"; then
             kill -KILL "$pid" 2>/dev/null || true
         fi
     fi
