@@ -5,11 +5,13 @@
 // allocates, locks, logs nor calls the system.
 #include "realtime/ProcessingState.h"
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "realtime/FilterDesign.h"
 
@@ -217,21 +219,32 @@ struct Lane {
 
 // Reads a block of the lane's input: mono sum or source channel, counted as heard before
 // non-finite samples are replaced by 0, and measured for the input peak.
+float readSample(const Lane& lane, uint64_t frame) {
+    return lane.isMonoSum ? (lane.left.at(frame) + lane.right.at(frame)) * 0.5F
+                          : lane.source.at(frame);
+}
+
 void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
+    // The common case, a source that covers the whole block, reads without per-sample checks.
+    const InputChannel& source = lane.source;
+    const bool isDirect =
+        !lane.isMonoSum && source.data != nullptr && start + count <= source.frames;
+    if (isDirect) {
+        const float* in = source.data + start * source.stride;
+        for (uint32_t i = 0; i < count; ++i)
+            x[i] = in[i * source.stride];
+    } else {
+        for (uint32_t i = 0; i < count; ++i)
+            x[i] = readSample(lane, start + i);
+    }
     float peak = lane.inputPeak;
     bool heard = lane.isHeard;
     for (uint32_t i = 0; i < count; ++i) {
-        const uint64_t frame = start + i;
-        float value = lane.isMonoSum ? (lane.left.at(frame) + lane.right.at(frame)) * 0.5F
-                                     : lane.source.at(frame);
-        const float magnitude = std::fabs(value);
+        const float magnitude = std::fabs(x[i]);
         heard = heard || magnitude > kSignalThreshold;
-        if (!std::isfinite(value)) {
-            value = 0.0F;
-        } else if (magnitude > peak) {
-            peak = magnitude;
-        }
-        x[i] = value;
+        const bool isFinite = std::isfinite(x[i]);
+        x[i] = isFinite ? x[i] : 0.0F;
+        peak = isFinite && magnitude > peak ? magnitude : peak;
     }
     lane.inputPeak = peak;
     lane.isHeard = heard;
@@ -241,10 +254,12 @@ void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
 void scatter(Lane& lane, uint64_t start, uint32_t count, const float* x) {
     float peak = lane.outputPeak;
     float* out = lane.output + start * lane.outputStride;
+    const uint64_t stride = lane.outputStride;
     for (uint32_t i = 0; i < count; ++i) {
         const float y = lane.gain * (lane.master * x[i]);
-        if (std::fabs(y) > peak) peak = std::fabs(y);
-        out[i * lane.outputStride] = y;
+        const float magnitude = std::fabs(y);
+        peak = magnitude > peak ? magnitude : peak;
+        out[i * stride] = y;
     }
     lane.outputPeak = peak;
 }
@@ -265,64 +280,111 @@ double flushed(double value) {
     return std::fabs(value) < kStateFlushThreshold ? 0.0 : value;
 }
 
-// Runs `Count` consecutive biquad stages over a block, both streams at once, in transposed
-// direct form II. Taking several stages per pass lets the stages' recursions overlap (each
-// stage waits only on its own previous sample); a single stage per pass would wait on the
-// whole multiply-add chain for every sample.
-template <uint32_t Count>
-void runStages(Double2* block, uint32_t frames, const StageLane (*stages)[2]) {
-    Double2 b0[Count], b1[Count], b2[Count], a1[Count], a2[Count], s1[Count], s2[Count];
-    for (uint32_t k = 0; k < Count; ++k) {
-        const BiquadCoefficients& l = *stages[k][0].coefficients;
-        const BiquadCoefficients& r = *stages[k][1].coefficients;
-        b0[k] = Double2{l.b0, r.b0};
-        b1[k] = Double2{l.b1, r.b1};
-        b2[k] = Double2{l.b2, r.b2};
-        a1[k] = Double2{l.a1, r.a1};
-        a2[k] = Double2{l.a2, r.a2};
-        s1[k] = Double2{stages[k][0].state[0], stages[k][1].state[0]};
-        s2[k] = Double2{stages[k][0].state[1], stages[k][1].state[1]};
+// One stage's coefficients and state for both streams, held in registers during a pass.
+struct StagePair {
+    Double2 b0, b1, b2, a1, a2, s1, s2;
+
+    StagePair() = default;
+    explicit StagePair(const StageLane* lanes) {
+        const BiquadCoefficients& l = *lanes[0].coefficients;
+        const BiquadCoefficients& r = *lanes[1].coefficients;
+        b0 = Double2{l.b0, r.b0};
+        b1 = Double2{l.b1, r.b1};
+        b2 = Double2{l.b2, r.b2};
+        a1 = Double2{l.a1, r.a1};
+        a2 = Double2{l.a2, r.a2};
+        s1 = Double2{lanes[0].state[0], lanes[1].state[0]};
+        s2 = Double2{lanes[0].state[1], lanes[1].state[1]};
     }
-    for (uint32_t i = 0; i < frames; ++i) {
-        Double2 x = block[i];
-        for (uint32_t k = 0; k < Count; ++k) {
-            const Double2 y = b0[k] * x + s1[k];
-            s1[k] = s2[k] + b1[k] * x - a1[k] * y;
-            s2[k] = b2[k] * x - a2[k] * y;
-            x = y;
-        }
-        block[i] = x;
+
+    // Transposed direct form II, in the documented operation order.
+    Double2 run(Double2 x) {
+        const Double2 y = b0 * x + s1;
+        s1 = s2 + b1 * x - a1 * y;
+        s2 = b2 * x - a2 * y;
+        return y;
     }
-    for (uint32_t k = 0; k < Count; ++k) {
-        for (uint32_t lane = 0; lane < 2; ++lane) {
-            stages[k][lane].state[0] = flushed(s1[k][lane]);
-            stages[k][lane].state[1] = flushed(s2[k][lane]);
+
+    void store(const StageLane* lanes) const {
+        for (uint32_t side = 0; side < 2; ++side) {
+            lanes[side].state[0] = flushed(s1[side]);
+            lanes[side].state[1] = flushed(s2[side]);
         }
     }
+};
+
+template <std::size_t... K, typename F> void forEachStage(std::index_sequence<K...>, F&& f) {
+    (f(K), ...);
 }
 
-// Runs a chain of stages in passes of up to four.
-void runChain(Double2* block, uint32_t frames, const StageLane (*stages)[2], uint32_t count) {
-    while (count > 0) {
-        // Split so that no pass is left with a single stage when it can be avoided: a lone
-        // stage is bound by its own recursion.
-        const uint32_t take = count == 5 ? 3 : (count >= 4 ? 4 : count);
-        switch (take) {
-        case 4:
-            runStages<4>(block, frames, stages);
-            break;
-        case 3:
-            runStages<3>(block, frames, stages);
-            break;
-        case 2:
-            runStages<2>(block, frames, stages);
-            break;
-        default:
-            runStages<1>(block, frames, stages);
-            break;
+// One pass over a block: `Crossover` crossover sections (0 or 2) and the rounding after
+// them, the pre-gain and its rounding (first pass only), then `Bands` equaliser bands. Doing
+// up to six stages per pass lets their recursions overlap, since each waits only on its own
+// previous sample, while their state still fits in registers.
+template <uint32_t Crossover, uint32_t Bands, bool IsFirst>
+void runPass(Double2* block, uint32_t frames, const StageLane (*stages)[2], Double2 preGain) {
+    constexpr uint32_t kCount = Crossover + Bands;
+    StagePair pairs[kCount > 0 ? kCount : 1];
+    forEachStage(std::make_index_sequence<kCount>{},
+                 [&](std::size_t k) { pairs[k] = StagePair(stages[k]); });
+    for (uint32_t i = 0; i < frames; ++i) {
+        Double2 x = block[i];
+        forEachStage(std::make_index_sequence<Crossover>{},
+                     [&](std::size_t k) { x = pairs[k].run(x); });
+        if constexpr (IsFirst) {
+            // A product of two floats is exact in double, so multiplying here and rounding
+            // once gives the single-precision product bit for bit.
+            x = roundToFloat(roundToFloat(x) * preGain);
         }
+        forEachStage(std::make_index_sequence<Bands>{},
+                     [&](std::size_t k) { x = pairs[Crossover + k].run(x); });
+        block[i] = x;
+    }
+    forEachStage(std::make_index_sequence<kCount>{},
+                 [&](std::size_t k) { pairs[k].store(stages[k]); });
+}
+
+using PassFunction = void (*)(Double2*, uint32_t, const StageLane (*)[2], Double2);
+
+constexpr uint32_t kMaxStagesPerPass = 3;
+
+template <uint32_t Crossover, std::size_t... B>
+constexpr std::array<PassFunction, sizeof...(B)> firstPasses(std::index_sequence<B...>) {
+    return {&runPass<Crossover, static_cast<uint32_t>(B), true>...};
+}
+
+template <std::size_t... B>
+constexpr std::array<PassFunction, sizeof...(B)> laterPasses(std::index_sequence<B...>) {
+    return {&runPass<0, static_cast<uint32_t>(B), false>...};
+}
+
+// Indexed by the number of bands the pass takes.
+constexpr auto kFirstPassPlain = firstPasses<0>(std::make_index_sequence<kMaxStagesPerPass + 1>{});
+constexpr auto kFirstPassCrossover =
+    firstPasses<kCrossoverSections>(std::make_index_sequence<kMaxStagesPerPass - 1>{});
+constexpr auto kLaterPass = laterPasses(std::make_index_sequence<kMaxStagesPerPass + 1>{});
+
+// Runs the whole chain over a block in as few passes as the register budget allows, with
+// the bands spread evenly so that no pass is left with a lone stage, which its own
+// recursion would slow down.
+void runChain(Double2* block, uint32_t frames, const StageLane (*stages)[2],
+              uint32_t crossoverStages, uint32_t bandStages, Double2 preGain) {
+    const uint32_t total = crossoverStages + bandStages;
+    const uint32_t passes = total == 0 ? 1 : (total + kMaxStagesPerPass - 1) / kMaxStagesPerPass;
+    uint32_t firstBands = (total + passes - 1) / passes - crossoverStages;
+    if (firstBands > bandStages) firstBands = bandStages;
+    if (crossoverStages > 0) {
+        kFirstPassCrossover[firstBands](block, frames, stages, preGain);
+    } else {
+        kFirstPassPlain[firstBands](block, frames, stages, preGain);
+    }
+    stages += crossoverStages + firstBands;
+    uint32_t remaining = bandStages - firstBands;
+    for (uint32_t left = passes - 1; left > 0; --left) {
+        const uint32_t take = (remaining + left - 1) / left;
+        kLaterPass[take](block, frames, stages, preGain);
         stages += take;
-        count -= take;
+        remaining -= take;
     }
 }
 
@@ -374,18 +436,7 @@ void renderLanes(Lane* first, Lane* second, uint64_t frames) {
         if (isFiltered) {
             for (uint32_t i = 0; i < count; ++i)
                 block[i] = Double2{static_cast<double>(x[0][i]), static_cast<double>(x[1][i])};
-            if (crossoverStages > 0) {
-                runChain(block, count, stages, crossoverStages);
-                for (uint32_t i = 0; i < count; ++i)
-                    block[i] = roundToFloat(block[i]);
-            }
-            // A product of two floats is exact in double, so multiplying here and rounding
-            // once gives the single-precision product bit for bit.
-            if (hasPreGain) {
-                for (uint32_t i = 0; i < count; ++i)
-                    block[i] = roundToFloat(block[i] * preGain);
-            }
-            if (bandStages > 0) runChain(block, count, stages + crossoverStages, bandStages);
+            runChain(block, count, stages, crossoverStages, bandStages, preGain);
             for (uint32_t i = 0; i < count; ++i) {
                 x[0][i] = static_cast<float>(block[i][0]);
                 x[1][i] = static_cast<float>(block[i][1]);
