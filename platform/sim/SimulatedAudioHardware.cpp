@@ -1396,6 +1396,7 @@ void SimulatedAudioHardware::prepareIO(Device& device, UInt32 frames) {
     std::lock_guard lock(state.mutex);
     state.generation = sceneGeneration_;
     state.capacity = std::max({state.capacity, frames, UInt32(1)});
+    state.lastFrames = 0; // the buffers are fresh: no cycle has filled them yet
     state.isSilent = tapsDeliverSilence_;
 
     state.tapSources.clear();

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <unordered_set>
 
 #include "Brightmix/AudioDeviceError.h"
 #include "Brightmix/AudioDeviceService.h"
@@ -173,6 +174,44 @@ TEST_F(AudioDeviceServiceTest, ChannelCountsSurviveBadStreamConfigurations) {
     EXPECT_EQ(service.channelCount(id, kAudioObjectPropertyScopeInput), 0);
     sim.failProperty(id, kAudioDevicePropertyStreamConfiguration, kAudioHardwareBadObjectError);
     EXPECT_EQ(service.channelCount(id, kAudioObjectPropertyScopeOutput), 0);
+}
+
+TEST(AudioDeviceRecord, EqualityAndHashCoverEveryField) {
+    AudioDevice base;
+    base.id = 7;
+    base.uid = "A";
+    base.name = "Left";
+    base.subdeviceUIDs = {"x", "y"};
+    base.mainSubdeviceUID = "x";
+    base.inputChannels = 1;
+    base.outputChannels = 2;
+    base.supportsNativeVolume = true;
+    base.transportType = kAudioDeviceTransportTypeUSB;
+    const AudioDeviceHash hash;
+    AudioDevice same = base;
+    EXPECT_EQ(same, base);
+    EXPECT_EQ(hash(same), hash(base));
+
+    std::vector<AudioDevice> variants(9, base);
+    variants[0].id = 8;
+    variants[1].uid = "B";
+    variants[2].name = "Right";
+    variants[3].subdeviceUIDs = {"xy"};
+    variants[4].mainSubdeviceUID.reset();
+    variants[5].inputChannels = 0;
+    variants[6].outputChannels = 3;
+    variants[7].supportsNativeVolume = false;
+    variants[8].transportType = 0;
+    std::unordered_set<AudioDevice, AudioDeviceHash> set{base};
+    for (const auto& variant : variants) {
+        EXPECT_NE(variant, base);
+        EXPECT_TRUE(set.insert(variant).second);
+    }
+    // Moving a string between the member list and the main member is a different device.
+    AudioDevice moved = base;
+    moved.subdeviceUIDs = {"x"};
+    moved.mainSubdeviceUID = "y";
+    EXPECT_NE(hash(moved), hash(base));
 }
 
 // ---- Native volume ------------------------------------------------------------------------

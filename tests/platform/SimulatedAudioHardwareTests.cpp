@@ -451,6 +451,38 @@ TEST_F(SimulatedRouterTest, ThreadedModeRunsCyclesOnAnotherThreadUntilStop) {
     EXPECT_EQ(sim.destroyAggregateDevice(aggregate), 0);
 }
 
+TEST_F(SimulatedRouterTest, ThreadedIOSurvivesRestartsAndReadsFromTheMainThread) {
+    sim.setThreadedMode(true, 32, std::chrono::microseconds(50));
+    sim.addProcess({501, "com.example.player", true, {}});
+    sim.setProcessAudio(501, [](std::uint64_t, UInt32) { return 0.5f; });
+    const auto tap = makeTap(TapDescription::Kind::stereoGlobalExcludingProcesses, {});
+    const auto aggregate = makeAggregate(description("router", {"A", "B"}, {tap}));
+    Passthrough state;
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(sim.createIOProcID(aggregate, passthroughIOProc, &state, &proc), 0);
+    for (int round = 0; round < 20; ++round) {
+        const int before = state.cycles.load();
+        ASSERT_EQ(sim.startDevice(aggregate, proc), 0);
+        while (state.cycles.load() == before) {
+            // The main thread keeps using the hardware while the IO thread runs.
+            UInt32 running = 0;
+            UInt32 size = sizeof running;
+            sim.getPropertyData(aggregate, global(kAudioDevicePropertyDeviceIsRunning), 0, nullptr,
+                                &size, &running);
+            EXPECT_EQ(running, 1u);
+            const auto out = sim.memberOutput(aggregate, "B");
+            if (!out.empty()) {
+                EXPECT_FLOAT_EQ(out[0], 0.5f);
+            }
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(sim.stopDevice(aggregate, proc), 0);
+    }
+    EXPECT_GE(sim.cyclesRun(aggregate), 20u);
+    EXPECT_EQ(sim.destroyIOProcID(aggregate, proc), 0);
+    EXPECT_EQ(sim.destroyAggregateDevice(aggregate), 0);
+}
+
 TEST_F(SimulatedRouterTest, MutedWhenTappedSilencesTheDirectPathWhileRunning) {
     const auto a = sim.deviceID("A");
     const auto other = sim.addDevice({"X", "Elsewhere"});
