@@ -66,6 +66,8 @@ namespace brightmix {
 class SimulatedAudioHardware final : public AudioHardware {
 public:
     // ---- Scene -------------------------------------------------------------------------
+    // Scene calls on an object that does not exist throw std::invalid_argument: that is a
+    // mistake in the test, not a state of the hardware.
 
     // A plain device. Braces build one: {"A", "Desk Left", {2}} has one stereo output
     // stream; the chained setters cover the rest:
@@ -142,7 +144,8 @@ public:
     void removeProcess(AudioObjectID process);
     void setProcessRunningOutput(AudioObjectID process, bool isRunningOutput);
     void setProcessDevices(AudioObjectID process, const std::vector<AudioObjectID>& devices);
-    // Sets what the process with this PID plays (an empty function: silence).
+    // Sets what the process with this PID plays (an empty function: silence). Pumped cycles
+    // hear it from the next cycle on; a threaded device from its next start.
     void setProcessAudio(std::int32_t pid, Generator generator);
 
     void setDefaultOutput(AudioObjectID device);
@@ -155,7 +158,8 @@ public:
     AudioObjectID processObject(std::int32_t pid) const;
     AudioObjectID tapID(const std::string& tapUID) const;
     std::vector<AudioObjectID> streams(AudioObjectID device, AudioObjectPropertyScope scope) const;
-    // The description a tap was created from, and a created aggregate's description.
+    // The description a tap was created from (a created aggregate's description is its
+    // composition()).
     std::optional<TapDescription> tapDescription(AudioObjectID tap) const;
     // Float32 value last written to a device's 'volm' element (1 until written).
     float volumeScalar(AudioObjectID device, UInt32 element) const;
