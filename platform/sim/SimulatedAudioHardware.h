@@ -144,10 +144,12 @@ public:
     void removeProcess(AudioObjectID process);
     void setProcessRunningOutput(AudioObjectID process, bool isRunningOutput);
     void setProcessDevices(AudioObjectID process, const std::vector<AudioObjectID>& devices);
-    // Sets what the process with this PID plays (an empty function: silence). Pumped cycles
-    // hear it from the next cycle on; a threaded device from its next start.
+    // Sets what the process with this PID plays (an empty function: silence); the PID need
+    // not exist yet. Pumped cycles hear it from the next cycle on; a threaded device from its
+    // next start.
     void setProcessAudio(std::int32_t pid, Generator generator);
 
+    // Any ID is taken as it is (0: no default; a vanished device: a stale default).
     void setDefaultOutput(AudioObjectID device);
     void setDefaultInput(AudioObjectID device);
     AudioObjectID defaultOutput() const;
