@@ -135,6 +135,25 @@ TEST_F(EngineEndToEnd, VolumeAndMuteReachEveryMemberAndStopRestoresTheDirectPath
     EXPECT_NEAR(testing::peakDb(sub->listen(0)), kToneDb, 0.1);
 }
 
+TEST_F(EngineEndToEnd, CompatibilityCaptureTakesStreamsThatStartAfterIt) {
+    engine->start(multiOutput(), AudioCaptureMode::compatibilityGlobal);
+    ASSERT_TRUE(engine->isUsingCompatibilityCapture());
+    EXPECT_EQ(hardware->sinkMute("multi_output"), std::optional<bool>(true));
+    ProcessingSetMasterGain(engine->gainState(), 0.5f);
+    EXPECT_LT(testing::peakDb(desk->listen(0)), -100);
+
+    // The player starts after the router: its stream joins the tap as it appears.
+    std::string file = testing::scratchDirectory() + "/late-tone.wav";
+    testing::writeToneFile(file, 1000, 0.5, 20);
+    testing::TonePlayer late(file, "multi_output");
+    double level = -200;
+    for (int i = 0; i < 20 && level < -40; ++i) {
+        level = testing::peakDb(desk->listen(0, 0.05));
+    }
+    EXPECT_NEAR(testing::peakDb(desk->listen(0)), kToneDb - 6.02, 0.1);
+    EXPECT_NEAR(testing::peakDb(sub->listen(0)), kToneDb - 6.02, 0.1);
+}
+
 TEST_F(EngineEndToEnd, TheSubwooferGetsOnlyTheBassAndTheSatelliteLosesIt) {
     engine->setChildPreset(OutputPreset::subwoofer, "subwoofer");
     engine->setChildPreset(OutputPreset::satellite, "desk_speakers");

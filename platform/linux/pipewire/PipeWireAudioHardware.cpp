@@ -228,7 +228,9 @@ public:
         std::vector<std::string> members;
         std::vector<OutputPort> outputs;
         AudioObjectID tapID = 0;
-        std::vector<std::string> inputs; // the tap's channel positions
+        std::optional<TapDescription> tapDescription;
+        std::vector<std::string> inputs;              // the tap's channel positions
+        std::vector<std::uint32_t> linkedStreamPorts; // stream ports fanned out to us
         pw_filter* filter = nullptr;
         spa_hook filterHook{};
         pw_filter_state filterState = PW_FILTER_STATE_UNCONNECTED;
@@ -253,6 +255,8 @@ public:
     // Guarded by the loop's lock.
     PipeWireGraph graph;
     std::map<std::uint32_t, std::unique_ptr<Bound>> bound;
+    // Running aggregates whose tap follows playback streams: new streams join them.
+    std::vector<Aggregate*> streamTapped;
     pw_metadata* defaultMetadata = nullptr;
     std::map<int, OwnedLink*> linksByProxyID;
     int doneSeq = -1;
@@ -456,6 +460,9 @@ public:
             GraphPort& port = graph.ports[id];
             port.id = id;
             port.properties = propertiesOf(props);
+            for (Aggregate* aggregate : streamTapped) {
+                linkNewStreamPortLocked(*aggregate, port);
+            }
         } else if (kind == PW_TYPE_INTERFACE_Link) {
             Properties properties = propertiesOf(props);
             GraphLink link;
@@ -1203,6 +1210,7 @@ public:
                     return kAudioHardwareBadObjectError;
                 }
                 aggregate->tapID = tap->first;
+                aggregate->tapDescription = tap->second.description;
                 aggregate->inputs = tap->second.channels;
             }
         }
@@ -1444,7 +1452,8 @@ public:
                     mutes.push_back(description.deviceUID);
                 }
             } else {
-                linkStreamsLocked(aggregate, tap->second, self, &mutes);
+                linkStreamsLocked(aggregate, self, &mutes);
+                streamTapped.push_back(&aggregate);
             }
         }
         // Outputs: each member's playback ports, in member order.
@@ -1485,52 +1494,99 @@ public:
         return kAudioHardwareNoError;
     }
 
-    // Fan-out links from every playback stream the tap covers into the filter's two
-    // inputs. They are passive, so they never keep a stream running on their own.
-    void linkStreamsLocked(Aggregate& aggregate, const Tap& tap, const std::string& self,
-                           std::vector<std::string>* mutes) {
-        const TapDescription& description = tap.description;
-        std::vector<std::int32_t> pids;
-        std::vector<std::int32_t> excluded;
+    // Whether a playback stream belongs to what a global or per-app tap covers.
+    bool isTappedStream(const TapDescription& description, const GraphNode& stream) const {
+        if (propertyOf(stream.properties, "media.class") != "Stream/Output/Audio") {
+            return false;
+        }
+        auto clientID = parseUnsigned(propertyOf(stream.properties, "client.id"));
+        auto client = clientID ? graph.clients.find(*clientID) : graph.clients.end();
+        if (client == graph.clients.end() ||
+            propertyOf(client->second.properties, "core.daemon") == "true") {
+            return false;
+        }
+        auto pid = processIDOfClient(client->second.properties);
+        if (!pid) {
+            return false;
+        }
+        bool isListed = false;
         for (AudioObjectID process : description.processes) {
-            if (auto pid = pidOfProcessObject(process)) {
-                (description.kind == TapDescription::Kind::stereoMixdownOfProcesses ? pids
-                                                                                    : excluded)
-                    .push_back(*pid);
+            isListed = isListed || pidOfProcessObject(process) == pid;
+        }
+        if (description.kind == TapDescription::Kind::stereoMixdownOfProcesses) {
+            return isListed;
+        }
+        return !isListed && *pid != ::getpid();
+    }
+
+    // Fan-out links from one stream port into the filter's two inputs. They are passive,
+    // so they never keep a stream running on their own.
+    void linkStreamPortLocked(Aggregate& aggregate, const GraphNode& stream, const GraphPort& port,
+                              std::size_t index, const std::string& self) {
+        if (std::find(aggregate.linkedStreamPorts.begin(), aggregate.linkedStreamPorts.end(),
+                      port.id) != aggregate.linkedStreamPorts.end()) {
+            return;
+        }
+        aggregate.linkedStreamPorts.push_back(port.id);
+        auto position = propertyOf(port.properties, "audio.channel");
+        for (int target : stereoMixdownTargets(position, index)) {
+            makeLinkLocked(aggregate, std::to_string(stream.id),
+                           std::string(propertyOf(port.properties, "port.name")), self,
+                           inputPortName(aggregate, std::size_t(target)), true);
+        }
+    }
+
+    void linkStreamsLocked(Aggregate& aggregate, const std::string& self,
+                           std::vector<std::string>* mutes) {
+        const TapDescription& description = *aggregate.tapDescription;
+        // A global tap silences the multi-output sinks its streams play to: the default
+        // one, which streams that start later will play to, and any that already plays.
+        if (description.muteBehavior == kCATapMutedWhenTapped) {
+            auto name = graph.defaultSinkName();
+            const GraphNode* sink = name ? graph.nodeNamed(*name) : nullptr;
+            if (sink != nullptr && graph.isMultiOutput(*sink)) {
+                mutes->push_back(*name);
             }
         }
-        if (description.kind == TapDescription::Kind::stereoGlobalExcludingProcesses) {
-            excluded.push_back(::getpid());
-            for (std::int32_t pid : graph.processIDs()) {
-                if (std::find(excluded.begin(), excluded.end(), pid) == excluded.end()) {
-                    pids.push_back(pid);
-                }
+        for (const auto& [id, stream] : graph.nodes) {
+            if (!isTappedStream(description, stream)) {
+                continue;
             }
-        }
-        for (std::int32_t pid : pids) {
-            for (const GraphNode* stream : graph.outputStreamsOf(pid)) {
-                auto ports = graph.portsOf(stream->id, true, false);
-                for (std::size_t k = 0; k < ports.size(); ++k) {
-                    auto position = propertyOf(ports[k]->properties, "audio.channel");
-                    for (int target : stereoMixdownTargets(position, k)) {
-                        makeLinkLocked(aggregate, std::to_string(stream->id),
-                                       std::string(propertyOf(ports[k]->properties, "port.name")),
-                                       self, inputPortName(aggregate, std::size_t(target)), true);
-                    }
-                }
-                if (description.muteBehavior == kCATapMutedWhenTapped) {
-                    for (std::uint32_t downstream : graph.downstreamOf(stream->id)) {
-                        const GraphNode* sink = graph.node(downstream);
-                        if (sink != nullptr && graph.isMultiOutput(*sink)) {
-                            std::string name(propertyOf(sink->properties, "node.name"));
-                            if (std::find(mutes->begin(), mutes->end(), name) == mutes->end()) {
-                                mutes->push_back(name);
-                            }
+            auto ports = graph.portsOf(id, true, false);
+            for (std::size_t k = 0; k < ports.size(); ++k) {
+                linkStreamPortLocked(aggregate, stream, *ports[k], k, self);
+            }
+            if (description.muteBehavior == kCATapMutedWhenTapped) {
+                for (std::uint32_t downstream : graph.downstreamOf(id)) {
+                    const GraphNode* sink = graph.node(downstream);
+                    if (sink != nullptr && graph.isMultiOutput(*sink)) {
+                        std::string name(propertyOf(sink->properties, "node.name"));
+                        if (std::find(mutes->begin(), mutes->end(), name) == mutes->end()) {
+                            mutes->push_back(name);
                         }
                     }
                 }
             }
         }
+    }
+
+    // A stream that starts while the tap runs joins it (loop thread, lock held).
+    void linkNewStreamPortLocked(Aggregate& aggregate, const GraphPort& port) {
+        if (propertyOf(port.properties, "port.direction") != "out" ||
+            propertyOf(port.properties, "port.monitor") == "true" || aggregate.filter == nullptr) {
+            return;
+        }
+        auto nodeID = parseUnsigned(propertyOf(port.properties, "node.id"));
+        const GraphNode* stream = nodeID ? graph.node(*nodeID) : nullptr;
+        std::uint32_t self = pw_filter_get_node_id(aggregate.filter);
+        if (stream == nullptr || self == SPA_ID_INVALID ||
+            !isTappedStream(*aggregate.tapDescription, *stream)) {
+            return;
+        }
+        auto ports = graph.portsOf(stream->id, true, false);
+        auto index =
+            static_cast<std::size_t>(std::find(ports.begin(), ports.end(), &port) - ports.begin());
+        linkStreamPortLocked(aggregate, *stream, port, index, std::to_string(self));
     }
 
     static void onLinkInfo(void* data, const pw_link_info* info) {
@@ -1623,6 +1679,9 @@ public:
         // No IOProc call after this returns, so its client data may go.
         aggregate.cycle->stop();
         Lock lock(loop);
+        streamTapped.erase(std::remove(streamTapped.begin(), streamTapped.end(), &aggregate),
+                           streamTapped.end());
+        aggregate.linkedStreamPorts.clear();
         for (auto& link : aggregate.links) {
             if (link->proxy != nullptr) {
                 linksByProxyID.erase(static_cast<int>(pw_proxy_get_id(link->proxy)));
