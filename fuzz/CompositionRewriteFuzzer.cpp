@@ -62,6 +62,32 @@ public:
         }
         }
     }
+    // Mostly a composition of the right shape, with a flaw now and then, so that both the
+    // accepted and every refused path are reached without coverage of the library itself.
+    PropertyList composition() {
+        if (byte() % 4 == 0) return value(0);
+        PropertyList::Dictionary entries;
+        PropertyList::Array members;
+        for (std::size_t count = byte() % 5; count > 0; --count) {
+            if (byte() % 16 == 0) {
+                members.push_back(value(2));
+                continue;
+            }
+            PropertyList::Dictionary member;
+            member["uid"] = byte() % 16 == 0 ? value(3) : PropertyList(text());
+            if (byte() % 2 == 0) member["drift"] = PropertyList::integer(byte() % 2);
+            members.emplace_back(std::move(member));
+        }
+        entries["subdevices"] = byte() % 16 == 0 ? value(1) : PropertyList(std::move(members));
+        for (const char* name : {"master", "clock"}) {
+            const std::uint8_t choice = byte() % 4;
+            if (choice == 1) entries[name] = PropertyList(text());
+            if (choice == 2) entries[name] = value(2);
+        }
+        for (std::size_t count = byte() % 3; count > 0; --count)
+            entries[key()] = value(1);
+        return PropertyList(std::move(entries));
+    }
 
 private:
     const std::uint8_t* data_;
@@ -81,15 +107,40 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::map<std::string, std::string> map;
     for (std::size_t count = reader.byte() % 4; count > 0; --count)
         map[reader.text()] = reader.text();
-    const PropertyList composition = reader.value(0);
+    const PropertyList composition = reader.composition();
 
     const auto rewritten = brightmix::AudioDeviceService::rewriteComposition(composition, map);
-    if (!rewritten) return 0;
-
     const auto mapped = [&](const std::string& uid) {
         const auto found = map.find(uid);
         return found == map.end() ? uid : found->second;
     };
+
+    // Whether a rewrite is due: a non-empty dictionary whose members are all dictionaries
+    // with a string "uid", a map that changes one of them, and no UID twice afterwards.
+    bool isDue = false;
+    if (const auto* entries = composition.asDictionary(); entries != nullptr && !entries->empty()) {
+        const auto* members = composition.find("subdevices");
+        if (members != nullptr && members->asArray() != nullptr) {
+            bool isWellFormed = true;
+            bool changes = false;
+            std::set<std::string> uids;
+            std::size_t count = 0;
+            for (const auto& member : *members->asArray()) {
+                const auto* uid = member.asDictionary() != nullptr ? member.find("uid") : nullptr;
+                if (uid == nullptr || uid->asString() == nullptr) {
+                    isWellFormed = false;
+                    break;
+                }
+                changes = changes || mapped(*uid->asString()) != *uid->asString();
+                uids.insert(mapped(*uid->asString()));
+                ++count;
+            }
+            isDue = isWellFormed && changes && uids.size() == count;
+        }
+    }
+    if (rewritten.has_value() != isDue)
+        fail(isDue ? "a due rewrite was refused" : "an undue rewrite was accepted", composition);
+    if (!rewritten) return 0;
     const auto* before = composition.asDictionary();
     const auto* after = rewritten->asDictionary();
     if (before == nullptr || after == nullptr || before->size() != after->size())
