@@ -787,12 +787,12 @@ extern "C" float EqualizerPeakBoost(const float* gains, double sampleRate) {
     }
     const double upper = std::fmin(0.45 * sampleRate, 20000.0);
     if (upper < 20.0) return 0.0F;
-    constexpr double kPi = 3.14159265358979323846;
+    constexpr double kTwoPi = 6.28318530717958647692;
     // One twentieth of an octave per step.
     constexpr double kStep = 1.0353;
     double best = 0.0;
     for (double f = 20.0; f <= upper; f *= kStep) {
-        const double w = 2.0 * kPi * f / sampleRate;
+        const double w = kTwoPi * f / sampleRate;
         const double c1 = std::cos(w);
         const double s1 = std::sin(w);
         const double c2 = std::cos(2.0 * w);
