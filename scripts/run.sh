@@ -16,7 +16,7 @@ cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
 
 build=build/run
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRIGHTMIX_TESTS=OFF \
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIGHTMIX_TESTS=OFF \
     -DBRIGHTMIX_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" --target brightmix brightmix-watchdog
 
