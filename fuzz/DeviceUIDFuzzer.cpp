@@ -28,10 +28,39 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
     return true;
 }
 
+// Half the inputs are taken as they are; the other half describe a UID near the accepted
+// form (a UUID in either case, maybe a suffix, maybe one character changed), which random
+// text almost never is.
+std::string makeUID(const std::uint8_t* data, std::size_t size) {
+    if (size == 0 || data[0] % 2 == 0)
+        return std::string(reinterpret_cast<const char*>(data), size);
+    std::size_t position = 1;
+    const auto next = [&]() -> std::uint8_t { return position < size ? data[position++] : 0; };
+    brightmix::Uuid uuid{};
+    for (auto& byte : uuid)
+        byte = next();
+    std::string uid = brightmix::uuidString(uuid);
+    const std::uint8_t flags = next();
+    if (flags & 1) {
+        for (char& c : uid)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    if (flags & 2) {
+        static constexpr char kSuffixCharacters[] = "0123456789abcdefABCDEF_gZ-";
+        uid += '_';
+        const std::size_t length = 6 + next() % 5;
+        for (std::size_t i = 0; i < length; ++i)
+            uid += kSuffixCharacters[next() % (sizeof kSuffixCharacters - 1)];
+    }
+    if (flags & 4 && !uid.empty()) uid[next() % uid.size()] = static_cast<char>(next());
+    return uid;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string_view uid(reinterpret_cast<const char*>(data), size);
+    const std::string text = makeUID(data, size);
+    const std::string_view uid = text;
     const auto uuid = brightmix::AudioDeviceService::uuidOfUID(uid);
     const auto plain = brightmix::parseUuid(uid);
     if (plain && uuid != plain) fail("a bare UUID was not recognised", uid);
