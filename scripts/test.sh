@@ -47,10 +47,12 @@ done_stage
 stage "ThreadSanitizer stress"
 cmake --preset tsan >/dev/null
 # The stress tests, and the detection tests whose taps run on real IO threads.
-cmake --build --preset tsan -j "$jobs" --target brightmix_stress_tests brightmix_tests_switching
+cmake --build --preset tsan -j "$jobs" \
+    --target brightmix_stress_tests brightmix_tests_switching brightmix_tests_platform
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ./build/tsan/tests/brightmix_stress_tests --gtest_brief=1
 ./build/tsan/tests/brightmix_tests_switching --gtest_brief=1
+./build/tsan/tests/brightmix_tests_platform --gtest_brief=1 --gtest_filter='*Thread*'
 unset TSAN_OPTIONS
 done_stage
 
