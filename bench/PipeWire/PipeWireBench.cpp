@@ -5,7 +5,6 @@
 // Runs against the private session: start it with scripts/pipewire-session.sh start DIR,
 // then BRIGHTMIX_TEST_SESSION=DIR brightmix_pipewire_bench.
 #include <benchmark/benchmark.h>
-
 #include <chrono>
 #include <cmath>
 #include <complex>
@@ -49,10 +48,10 @@ double processCpuSeconds() {
     return double(now.tv_sec) + 1e-9 * double(now.tv_nsec);
 }
 
-#define REQUIRE_SESSION(session)                                                         \
-    if (!(session).hardware) {                                                           \
-        state.SkipWithError("no private PipeWire session: set BRIGHTMIX_TEST_SESSION");  \
-        return;                                                                          \
+#define REQUIRE_SESSION(session)                                                                   \
+    if (!(session).hardware) {                                                                     \
+        state.SkipWithError("no private PipeWire session: set BRIGHTMIX_TEST_SESSION");            \
+        return;                                                                                    \
     }
 
 void BM_PipeWireDeviceRefresh(benchmark::State& state) {
@@ -75,7 +74,7 @@ void BM_PipeWireDetectionPoll(benchmark::State& state) {
     std::vector<AppOutputRule> rules = {
         {"org.example.Player", "Player", "desk_speakers", "Desk Speakers"},
         {"org.example.Absent", "Absent", "desk_speakers", "Desk Speakers"}};
-    monitor.poll(rules);  // builds the tap; later polls only read it
+    monitor.poll(rules); // builds the tap; later polls only read it
     for (auto _ : state) {
         auto heard = monitor.poll(rules);
         benchmark::DoNotOptimize(heard);
@@ -185,5 +184,5 @@ void BM_PipeWireRoutedPathLatency(benchmark::State& state) {
 }
 BENCHMARK(BM_PipeWireRoutedPathLatency)->Unit(benchmark::kMillisecond)->Iterations(3);
 
-}  // namespace
-}  // namespace brightmix
+} // namespace
+} // namespace brightmix
