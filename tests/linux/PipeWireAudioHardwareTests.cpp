@@ -2,6 +2,8 @@
 // taps, aggregates and the IOProc, measured at the speakers.
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
@@ -22,6 +24,13 @@ address(AudioObjectPropertySelector selector,
         AudioObjectPropertyElement element = 0) {
     return {selector, scope, element};
 }
+
+struct GainRouterStub {
+    static OSStatus ioProc(AudioObjectID, const AudioTimeStamp*, const AudioBufferList*,
+                           const AudioTimeStamp*, AudioBufferList*, const AudioTimeStamp*, void*) {
+        return 0;
+    }
+};
 
 class PipeWireBackend : public ::testing::Test {
 protected:
@@ -224,6 +233,98 @@ TEST_F(PipeWireBackend, AnswersWhatLinuxCannotDoWithAClearStatus) {
                                         nullptr, &shortSize, &value),
               kAudioHardwareBadPropertySizeError);
     EXPECT_EQ(setDefaultOutput(0x7777777), kAudioHardwareBadDeviceError);
+}
+
+TEST_F(PipeWireBackend, ReadsAndSetsASinksVolumeAsAScalar) {
+    AudioObjectID desk = device("desk_speakers");
+    auto volume = [&](UInt32 element) {
+        Float32 scalar = -1;
+        UInt32 size = sizeof(scalar);
+        EXPECT_EQ(hardware->getPropertyData(desk,
+                                            address(kAudioDevicePropertyVolumeScalar,
+                                                    kAudioObjectPropertyScopeOutput, element),
+                                            0, nullptr, &size, &scalar),
+                  0);
+        return scalar;
+    };
+    auto setVolume = [&](UInt32 element, Float32 scalar) {
+        return hardware->setPropertyData(
+            desk,
+            address(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, element), 0,
+            nullptr, sizeof(scalar), &scalar);
+    };
+    bool isSettable = false;
+    ASSERT_EQ(hardware->isPropertySettable(
+                  desk, address(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput),
+                  &isSettable),
+              0);
+    EXPECT_TRUE(isSettable);
+    EXPECT_FALSE(hardware->hasProperty(
+        desk, address(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 3)));
+
+    testing::MonitorCapture capture("desk_speakers", 2);
+    std::string file = testing::scratchDirectory() + "/volume-tone.wav";
+    testing::writeToneFile(file, 1000, 0.5, 20);
+    testing::TonePlayer player(file, "desk_speakers");
+    ASSERT_TRUE(eventually([&] { return testing::peakDb(capture.listen(0, 0.05)) > -7; }));
+
+    ASSERT_EQ(setVolume(2, 0.5f), 0);
+    EXPECT_NEAR(volume(2), 0.5f, 1e-4);
+    EXPECT_NEAR(volume(1), 1.0f, 1e-4);
+    // The scalar is perceptual: half the scalar is an eighth of the amplitude.
+    auto left = capture.listen(0);
+    auto right = capture.channel(1, 24000);
+    EXPECT_NEAR(testing::peakDb(left), -6.02, 0.1);
+    EXPECT_NEAR(testing::peakDb(right), -6.02 - 18.06, 0.2);
+
+    EXPECT_EQ(setVolume(0, std::nanf("")), kAudio_ParamError);
+    Float32 tooBig = 1.5f;
+    ASSERT_EQ(setVolume(0, tooBig), 0);
+    EXPECT_NEAR(volume(0), 1.0f, 1e-4);
+    EXPECT_NEAR(volume(2), 1.0f, 1e-4);
+}
+
+TEST_F(PipeWireBackend, AFailedStartLeavesNothingBehind) {
+    // A member that disappears between creating the router and starting it.
+    ASSERT_EQ(std::system("pactl load-module module-null-sink sink_name=brief_sink "
+                          ">/dev/null 2>&1"),
+              0);
+    ASSERT_TRUE(eventually([&] {
+        return bufferChannels(device("brief_sink"), kAudioObjectPropertyScopeOutput).size() == 2;
+    }));
+    TapDescription description;
+    description.kind = TapDescription::Kind::excludingProcessesOnDeviceStream;
+    description.deviceUID = "multi_output";
+    description.muteBehavior = kCATapMutedWhenTapped;
+    AudioObjectID tap = 0;
+    ASSERT_EQ(hardware->createProcessTap(description, &tap), 0);
+    PropertyList::Array taps{
+        PropertyList::dictionary({{"uid", PropertyList::string(text(tap, kAudioTapPropertyUID))}})};
+    PropertyList routerDescription = PropertyList::dictionary(
+        {{"uid", PropertyList::string("com.corvale.brightmix.private.brief")},
+         {"subdevices", PropertyList::array({PropertyList::dictionary(
+                            {{"uid", PropertyList::string("brief_sink")}})})},
+         {"taps", PropertyList::array(taps)}});
+    AudioObjectID aggregate = 0;
+    ASSERT_EQ(hardware->createAggregateDevice(routerDescription, &aggregate), 0);
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(hardware->createIOProcID(aggregate, &GainRouterStub::ioProc, nullptr, &proc), 0);
+    ASSERT_EQ(std::system("pactl unload-module module-null-sink >/dev/null 2>&1"), 0);
+    ASSERT_TRUE(eventually([&] { return device("brief_sink") == 0; }));
+
+    EXPECT_EQ(hardware->startDevice(aggregate, proc), kAudioHardwareBadDeviceError);
+    EXPECT_EQ(hardware->sinkMute("multi_output"), std::optional<bool>(false));
+    EXPECT_TRUE(pipewire::readMuteRecords(hardware->muteRecordPath()).empty());
+    auto graph = hardware->snapshot();
+    for (const auto& [id, link] : graph.links) {
+        const auto* output = graph.node(link.outputNode);
+        ASSERT_NE(output, nullptr);
+        EXPECT_NE(pipewire::propertyOf(output->properties, "node.name"),
+                  "com.corvale.brightmix.private.brief");
+    }
+    EXPECT_EQ(hardware->destroyIOProcID(aggregate, proc), 0);
+    EXPECT_EQ(hardware->destroyAggregateDevice(aggregate), 0);
+    EXPECT_EQ(hardware->destroyProcessTap(tap), 0);
 }
 
 TEST_F(PipeWireBackend, SetsTheDefaultOutputThroughTheSessionManager) {

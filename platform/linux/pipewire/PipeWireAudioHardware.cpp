@@ -1433,6 +1433,12 @@ public:
         }
         std::string self = std::to_string(nodeID);
 
+        // A member that went away since the aggregate was made cannot be played to.
+        for (const std::string& member : aggregate.members) {
+            if (graph.nodeNamed(member) == nullptr) {
+                return kAudioHardwareBadDeviceError;
+            }
+        }
         // Inputs: the tap's source.
         std::vector<std::string> mutes;
         if (auto tap = taps.find(aggregate.tapID); tap != taps.end()) {
