@@ -2,6 +2,7 @@
 // while routing, and a mute left behind by a run that never got to restore it.
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -131,6 +132,27 @@ TEST_F(MuteCrashSafety, AStartRepairsOnlyTheMutesWhoseOwnerIsGone) {
     EXPECT_EQ(pipewire::readMuteRecords(path), std::vector<MuteRecord>{alive});
     EXPECT_EQ(hardware->sinkMute("desk_speakers"), std::optional<bool>(false));
     pipewire::removeMuteRecord(path, alive);
+}
+
+TEST_F(MuteCrashSafety, BrightmixRepairsALeftoverMuteWhenItStarts) {
+    const MuteRecord lost{finishedProcessID(), "multi_output"};
+    ASSERT_TRUE(pipewire::addMuteRecord(hardware->muteRecordPath(), lost));
+    ASSERT_EQ(hardware->setSinkMute("multi_output", true), 0);
+
+    std::string command = std::string(BRIGHTMIX_CLI_EXECUTABLE) + " list";
+    FILE* output = ::popen(command.c_str(), "r");
+    ASSERT_NE(output, nullptr);
+    std::string text;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof(buffer), output) != nullptr) {
+        text += buffer;
+    }
+    EXPECT_EQ(::pclose(output), 0) << text;
+    EXPECT_NE(text.find("Restored the sound of multi_output"), std::string::npos) << text;
+    EXPECT_NE(text.find("* Multi-Output Device (multi_output)"), std::string::npos) << text;
+    hardware->synchronize();
+    EXPECT_EQ(hardware->sinkMute("multi_output"), std::optional<bool>(false));
+    EXPECT_TRUE(pipewire::readMuteRecords(hardware->muteRecordPath()).empty());
 }
 
 } // namespace
