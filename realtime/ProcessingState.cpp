@@ -200,20 +200,20 @@ struct Lane {
     InputChannel source; // the channel read when there is no mono sum
     InputChannel left;   // the two channels of the mono sum
     InputChannel right;
-    bool isMonoSum;
     float* output;
     uint64_t outputStride;
+    StageLane crossover[kCrossoverSections];
+    StageLane bands[kBands]; // the bands whose gain is not 0, in band order
     float gain;
     float master;
-    uint32_t crossoverStages; // 0 or 2
-    StageLane crossover[kCrossoverSections];
-    bool hasPreGain;
     float preGain;
-    uint32_t bandStages; // the bands whose gain is not 0, in band order
-    StageLane bands[kBands];
+    uint32_t crossoverStages; // 0 or 2
+    uint32_t bandStages;
     // Results of the cycle.
     float inputPeak;
     float outputPeak;
+    bool isMonoSum;
+    bool hasPreGain;
     bool isHeard;
 };
 
@@ -586,8 +586,8 @@ void renderWideSlot(ProcessingState* state, uint32_t slot, const SlotSetup& setu
 // --- Control side -------------------------------------------------------------------------
 
 extern "C" ProcessingState* ProcessingCreate(float masterGain) {
-    void* memory = std::calloc(
-        1, sizeof(ProcessingState)); // NOLINT(cppcoreguidelines-no-malloc,hicpp-no-malloc)
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,hicpp-no-malloc): the one allocation
+    void* memory = std::calloc(1, sizeof(ProcessingState));
     if (memory == nullptr) return nullptr;
     auto* state = new (memory) ProcessingState{};
     state->masterGain.store(masterGain, kRelaxed);
@@ -791,7 +791,9 @@ extern "C" float EqualizerPeakBoost(const float* gains, double sampleRate) {
     // One twentieth of an octave per step.
     constexpr double kStep = 1.0353;
     double best = 0.0;
-    for (double f = 20.0; f <= upper; f *= kStep) {
+    // Repeated multiplication, not a power per step: the grid is defined that way.
+    double f = 20.0;
+    while (f <= upper) {
         const double w = kTwoPi * f / sampleRate;
         const double c1 = std::cos(w);
         const double s1 = std::sin(w);
@@ -811,6 +813,7 @@ extern "C" float EqualizerPeakBoost(const float* gains, double sampleRate) {
             sum += ratio > 0.0 ? 20.0 * std::log10(ratio) : -200.0;
         }
         if (sum > best) best = sum;
+        f *= kStep;
     }
     return static_cast<float>(best);
 }

@@ -105,7 +105,10 @@ float ProcessingTakeSlotPeak(struct ProcessingState* state, uint32_t slot);
 float ProcessingTakeOutputPeak(struct ProcessingState* state);
 
 /* One IO cycle: writes every output buffer completely from the input list (which may be
- * null or empty: silence). A null state renders a plain pass-through.
+ * null or empty: silence). A null state renders a plain pass-through. Output buffers with
+ * a null data pointer or no channels are left untouched. Filter state that has decayed
+ * below 1e-30 is set to 0 at the end of each block of frames, so that silence after loud
+ * signal never runs on subnormal numbers; no audible sample changes by it.
  * Thread: render. Realtime-safe: yes (no allocation, lock, system call or logging). */
 void ProcessingRender(const AudioBufferList* input, AudioBufferList* output,
                       struct ProcessingState* state);

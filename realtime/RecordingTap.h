@@ -22,8 +22,9 @@ extern "C" {
 
 struct RecordingFile;
 
-/* Queues frames of interleaved stereo float. Same contract as ExtAudioFileWriteAsync:
- * real-time safe once primed, non-zero = error.
+/* Queues frames of interleaved stereo float (one buffer, two channels, frames x 8 bytes).
+ * Same contract as ExtAudioFileWriteAsync: real-time safe once primed, never blocks on the
+ * disk, non-zero = error. A file whose writeAsync is null is never written.
  * Thread: render (and control once, to prime). Realtime-safe: yes. */
 typedef int32_t (*RecordingFileWriteFunction)(const struct RecordingFile* file, uint32_t frames,
                                               const AudioBufferList* data);
