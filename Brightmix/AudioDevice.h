@@ -17,12 +17,12 @@ struct AudioDevice {
     AudioObjectID id = 0;
     std::string uid;
     std::string name;
-    std::vector<std::string> subdeviceUIDs;  // empty when the device has none
+    std::vector<std::string> subdeviceUIDs; // empty when the device has none
     std::optional<std::string> mainSubdeviceUID;
     std::int64_t inputChannels = 0;
     std::int64_t outputChannels = 0;
     bool supportsNativeVolume = false;
-    UInt32 transportType = 0;  // four-character code; 0 when unreadable
+    UInt32 transportType = 0; // four-character code; 0 when unreadable
 
     // Two or more sub-devices: a multi-output device, the kind whose volume we provide.
     bool isMultiOutput() const { return subdeviceUIDs.size() >= 2; }
@@ -36,4 +36,4 @@ struct AudioDeviceHash {
     std::size_t operator()(const AudioDevice& device) const;
 };
 
-}  // namespace brightmix
+} // namespace brightmix

@@ -51,4 +51,4 @@ private:
 // AudioDeviceError::coreAudio(operation, status) unless the status is 0.
 void throwIfError(OSStatus status, std::string_view operation);
 
-}  // namespace brightmix
+} // namespace brightmix

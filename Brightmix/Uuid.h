@@ -23,4 +23,4 @@ std::optional<Uuid> parseUuid(std::string_view text);
 // Upper-case canonical text form.
 std::string uuidString(const Uuid& uuid);
 
-}  // namespace brightmix
+} // namespace brightmix

@@ -29,8 +29,7 @@ struct AudioObjectPropertyAddress {
 // An IOProc with Core Audio's signature; it runs on the device's real-time thread.
 using AudioDeviceIOProc = OSStatus (*)(AudioObjectID device, const AudioTimeStamp* now,
                                        const AudioBufferList* input,
-                                       const AudioTimeStamp* inputTime,
-                                       AudioBufferList* output,
+                                       const AudioTimeStamp* inputTime, AudioBufferList* output,
                                        const AudioTimeStamp* outputTime, void* clientData);
 
 // Opaque handle of an installed IOProc; null means none.
@@ -50,13 +49,13 @@ struct TapDescription {
     };
 
     Kind kind = Kind::stereoGlobalExcludingProcesses;
-    std::vector<AudioObjectID> processes;  // process objects, not PIDs
+    std::vector<AudioObjectID> processes; // process objects, not PIDs
     std::string deviceUID;
     std::int64_t stream = 0;
     std::string name;
     bool isPrivate = false;
     bool isProcessRestoreEnabled = false;
-    int muteBehavior = kCATapUnmuted;  // kCATapUnmuted, kCATapMuted, kCATapMutedWhenTapped
+    int muteBehavior = kCATapUnmuted; // kCATapUnmuted, kCATapMuted, kCATapMutedWhenTapped
 
     friend bool operator==(const TapDescription&, const TapDescription&) = default;
 };
@@ -71,8 +70,7 @@ public:
     virtual std::int32_t currentProcessID() const = 0;
 
     // Plain properties: raw bytes, as AudioObjectGetPropertyData and friends.
-    virtual bool hasProperty(AudioObjectID object,
-                             const AudioObjectPropertyAddress& address) = 0;
+    virtual bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) = 0;
     virtual OSStatus isPropertySettable(AudioObjectID object,
                                         const AudioObjectPropertyAddress& address,
                                         bool* isSettable) = 0;
@@ -100,8 +98,7 @@ public:
                                       const PropertyList& value) = 0;
 
     // Process taps.
-    virtual OSStatus createProcessTap(const TapDescription& description,
-                                      AudioObjectID* tapID) = 0;
+    virtual OSStatus createProcessTap(const TapDescription& description, AudioObjectID* tapID) = 0;
     virtual OSStatus destroyProcessTap(AudioObjectID tapID) = 0;
 
     // Aggregate devices, from a description dictionary with the composition keys.
@@ -111,11 +108,11 @@ public:
 
     // IOProcs. Stop returns only after a cycle in flight has finished, so the client data
     // may be freed after stop and destroy.
-    virtual OSStatus createIOProcID(AudioObjectID device, AudioDeviceIOProc proc,
-                                    void* clientData, AudioDeviceIOProcID* procID) = 0;
+    virtual OSStatus createIOProcID(AudioObjectID device, AudioDeviceIOProc proc, void* clientData,
+                                    AudioDeviceIOProcID* procID) = 0;
     virtual OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
 };
 
-}  // namespace brightmix
+} // namespace brightmix

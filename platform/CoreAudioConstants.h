@@ -165,4 +165,4 @@ inline constexpr int kCATapUnmuted = 0;
 inline constexpr int kCATapMuted = 1;
 inline constexpr int kCATapMutedWhenTapped = 2;
 
-}  // namespace brightmix
+} // namespace brightmix

@@ -13,7 +13,7 @@ namespace brightmix {
 
 class MainLoop {
 public:
-    using TimerID = std::uint64_t;  // 0 is never a timer
+    using TimerID = std::uint64_t; // 0 is never a timer
     using Task = std::function<void()>;
 
     virtual ~MainLoop() = default;
@@ -38,4 +38,4 @@ public:
     virtual double now() const = 0;
 };
 
-}  // namespace brightmix
+} // namespace brightmix

@@ -18,7 +18,17 @@ namespace brightmix {
 
 class PropertyList {
 public:
-    enum class Kind { null, boolean, integer, unsignedInteger, real, string, data, array, dictionary };
+    enum class Kind {
+        null,
+        boolean,
+        integer,
+        unsignedInteger,
+        real,
+        string,
+        data,
+        array,
+        dictionary
+    };
 
     using Data = std::vector<std::uint8_t>;
     using Array = std::vector<PropertyList>;
@@ -77,4 +87,4 @@ private:
     Value value_;
 };
 
-}  // namespace brightmix
+} // namespace brightmix

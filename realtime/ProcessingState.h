@@ -31,9 +31,9 @@ enum { kProcessingEqualizerBands = 10 };
 
 /* Speaker role of a slot as the render sees it. */
 typedef enum CrossoverMode {
-    kCrossoverModeNone = 0,     /* full range: no crossover */
-    kCrossoverModeLowPass = 1,  /* subwoofer: fourth-order low-pass */
-    kCrossoverModeHighPass = 2  /* satellite: fourth-order high-pass */
+    kCrossoverModeNone = 0,    /* full range: no crossover */
+    kCrossoverModeLowPass = 1, /* subwoofer: fourth-order low-pass */
+    kCrossoverModeHighPass = 2 /* satellite: fourth-order high-pass */
 } CrossoverMode;
 
 struct ProcessingState;
@@ -71,8 +71,7 @@ void ProcessingSetSampleRate(struct ProcessingState* state, double sampleRate);
 
 /* Mode 1 or 2 with a positive, finite frequency, else mode 0; the frequency is stored
  * either way. Thread: control. Realtime-safe: yes. */
-void ProcessingSetCrossover(struct ProcessingState* state, uint32_t slot, int32_t mode,
-                            float hz);
+void ProcessingSetCrossover(struct ProcessingState* state, uint32_t slot, int32_t mode, float hz);
 
 /* Non-zero low byte: the slot receives (left + right) / 2 on every channel.
  * Thread: control. Realtime-safe: yes. */

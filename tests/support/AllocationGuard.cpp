@@ -24,7 +24,7 @@ inline void noteAllocation() {
     if (activeGuards.load(std::memory_order_relaxed) > 0)
         allocationCount.fetch_add(1, std::memory_order_relaxed);
 }
-}  // namespace
+} // namespace
 
 namespace brightmix::testing {
 
@@ -33,13 +33,19 @@ AllocationGuard::AllocationGuard() {
     start_ = allocationCount.load();
 }
 
-AllocationGuard::~AllocationGuard() { activeGuards.fetch_sub(1); }
+AllocationGuard::~AllocationGuard() {
+    activeGuards.fetch_sub(1);
+}
 
-std::size_t AllocationGuard::allocations() const { return allocationCount.load() - start_; }
+std::size_t AllocationGuard::allocations() const {
+    return allocationCount.load() - start_;
+}
 
-bool AllocationGuard::isAvailable() { return BRIGHTMIX_ALLOCATION_COUNTING != 0; }
+bool AllocationGuard::isAvailable() {
+    return BRIGHTMIX_ALLOCATION_COUNTING != 0;
+}
 
-}  // namespace brightmix::testing
+} // namespace brightmix::testing
 
 #if BRIGHTMIX_ALLOCATION_COUNTING
 
@@ -73,11 +79,13 @@ void* memalign(std::size_t alignment, std::size_t size) {
 int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
     noteAllocation();
     void* pointer = __libc_memalign(alignment, size);
-    if (pointer == nullptr) return 12;  // ENOMEM
+    if (pointer == nullptr) return 12; // ENOMEM
     *result = pointer;
     return 0;
 }
-void free(void* pointer) { __libc_free(pointer); }
+void free(void* pointer) {
+    __libc_free(pointer);
+}
 }
 
 namespace {
@@ -93,10 +101,14 @@ void* countedAlignedNew(std::size_t size, std::align_val_t alignment) {
     if (pointer == nullptr) throw std::bad_alloc();
     return pointer;
 }
-}  // namespace
+} // namespace
 
-void* operator new(std::size_t size) { return countedNew(size); }
-void* operator new[](std::size_t size) { return countedNew(size); }
+void* operator new(std::size_t size) {
+    return countedNew(size);
+}
+void* operator new[](std::size_t size) {
+    return countedNew(size);
+}
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     noteAllocation();
     return __libc_malloc(size == 0 ? 1 : size);
@@ -111,12 +123,24 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 void* operator new[](std::size_t size, std::align_val_t alignment) {
     return countedAlignedNew(size, alignment);
 }
-void operator delete(void* pointer) noexcept { __libc_free(pointer); }
-void operator delete[](void* pointer) noexcept { __libc_free(pointer); }
-void operator delete(void* pointer, std::size_t) noexcept { __libc_free(pointer); }
-void operator delete[](void* pointer, std::size_t) noexcept { __libc_free(pointer); }
-void operator delete(void* pointer, std::align_val_t) noexcept { __libc_free(pointer); }
-void operator delete[](void* pointer, std::align_val_t) noexcept { __libc_free(pointer); }
+void operator delete(void* pointer) noexcept {
+    __libc_free(pointer);
+}
+void operator delete[](void* pointer) noexcept {
+    __libc_free(pointer);
+}
+void operator delete(void* pointer, std::size_t) noexcept {
+    __libc_free(pointer);
+}
+void operator delete[](void* pointer, std::size_t) noexcept {
+    __libc_free(pointer);
+}
+void operator delete(void* pointer, std::align_val_t) noexcept {
+    __libc_free(pointer);
+}
+void operator delete[](void* pointer, std::align_val_t) noexcept {
+    __libc_free(pointer);
+}
 void operator delete(void* pointer, std::size_t, std::align_val_t) noexcept {
     __libc_free(pointer);
 }

@@ -26,11 +26,11 @@ private:
     std::size_t start_;
 };
 
-}  // namespace brightmix::testing
+} // namespace brightmix::testing
 
 // In a test: skip when allocations cannot be counted.
-#define BRIGHTMIX_REQUIRE_ALLOCATION_GUARD()                                                   \
-    do {                                                                                       \
-        if (!::brightmix::testing::AllocationGuard::isAvailable())                             \
-            GTEST_SKIP() << "allocation counting is unavailable in sanitizer builds";          \
+#define BRIGHTMIX_REQUIRE_ALLOCATION_GUARD()                                                       \
+    do {                                                                                           \
+        if (!::brightmix::testing::AllocationGuard::isAvailable())                                 \
+            GTEST_SKIP() << "allocation counting is unavailable in sanitizer builds";              \
     } while (false)
