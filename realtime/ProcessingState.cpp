@@ -327,6 +327,15 @@ void runPass(Double2* block, uint32_t frames, const StageLane (*stages)[2], Doub
     StagePair pairs[kCount > 0 ? kCount : 1];
     forEachStage(std::make_index_sequence<kCount>{},
                  [&](std::size_t k) { pairs[k] = StagePair(stages[k]); });
+    if constexpr (Crossover == 2) {
+        // The crossover is one biquad run twice (an identity stage for a lane without it,
+        // twice as well): sharing the coefficients lets them stay in registers.
+        pairs[1].b0 = pairs[0].b0;
+        pairs[1].b1 = pairs[0].b1;
+        pairs[1].b2 = pairs[0].b2;
+        pairs[1].a1 = pairs[0].a1;
+        pairs[1].a2 = pairs[0].a2;
+    }
     for (uint32_t i = 0; i < frames; ++i) {
         Double2 x = block[i];
         forEachStage(std::make_index_sequence<Crossover>{},
