@@ -12,6 +12,6 @@ size_t brightmixRealtimeHeaderSizes(void);
 size_t brightmixRealtimeHeaderSizes(void) {
     struct RecordingFile file = {0, 0};
     BiquadCoefficients coefficients = {1.0, 0.0, 0.0, 0.0, 0.0};
-    return sizeof(AudioBufferList) + sizeof(AudioTimeStamp) + sizeof file +
-           sizeof coefficients + (size_t)kProcessingSlotCount + (size_t)kCrossoverModeHighPass;
+    return sizeof(AudioBufferList) + sizeof(AudioTimeStamp) + sizeof file + sizeof coefficients +
+           (size_t)kProcessingSlotCount + (size_t)kCrossoverModeHighPass;
 }
