@@ -2,15 +2,11 @@
 // (non-finite gains, invalid modes and rates, slot indices beyond the last), over several
 // cycles with resets in between. The render must never touch memory it was not given, and
 // must write every usable output buffer completely.
-//
-// The unit is compiled into this target, rather than linked from the library, so that it
-// carries the fuzzer's coverage and sanitizer instrumentation.
 #include <cstdlib>
 #include <cstring>
 
 #include "fuzz/RealtimeFuzzInput.h"
-#include "realtime/FilterDesign.cpp"    // NOLINT(bugprone-suspicious-include)
-#include "realtime/ProcessingState.cpp" // NOLINT(bugprone-suspicious-include)
+#include "realtime/ProcessingState.h"
 
 namespace {
 

@@ -1,14 +1,11 @@
 // Fuzzes the recording tap with arbitrary input buffer lists, write errors and attach and
 // detach sequences. Every chunk handed to the file must be well formed, finite and at most
 // 1024 frames, and the frame count must match what the file accepted.
-//
-// The unit is compiled into this target, rather than linked from the library, so that it
-// carries the fuzzer's coverage and sanitizer instrumentation.
 #include <cmath>
 #include <cstdlib>
 
 #include "fuzz/RealtimeFuzzInput.h"
-#include "realtime/RecordingTap.cpp" // NOLINT(bugprone-suspicious-include)
+#include "realtime/RecordingTap.h"
 
 namespace {
 
