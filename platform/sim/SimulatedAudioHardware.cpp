@@ -1637,9 +1637,12 @@ bool SimulatedAudioHardware::isDirectPathMuted(AudioObjectID deviceID) const {
         const int behavior = tap.description.muteBehavior;
         if (behavior == kCATapUnmuted) continue;
         if (behavior == kCATapMutedWhenTapped) {
+            // A named copy: lambdas may not capture structured bindings before C++20's fix
+            // reached every compiler we build with.
+            const AudioObjectID tapID = id;
             const bool isRead = std::any_of(devices_.begin(), devices_.end(), [&](const auto& e) {
                 const auto& taps = e.second->taps;
-                return std::find(taps.begin(), taps.end(), id) != taps.end() &&
+                return std::find(taps.begin(), taps.end(), tapID) != taps.end() &&
                        anyStarted(*e.second);
             });
             if (!isRead) continue;
