@@ -26,11 +26,11 @@ void buildSystem(Sim& sim) {
     std::vector<AudioObjectID> outputs;
     for (int i = 0; i < kPlainDevices; ++i) {
         const std::string number = std::to_string(i);
-        Sim::DeviceSpec spec("device-" + number, "Speaker " + number,
-                             i % 3 == 0 ? std::vector<UInt32>{2, 2} : std::vector<UInt32>{2},
-                             i % 4 == 0 ? std::vector<UInt32>{1} : std::vector<UInt32>{});
-        if (i % 5 == 0) spec.transport(kAudioDeviceTransportTypeHDMI).volumeControl(2);
-        outputs.push_back(sim.addDevice(spec));
+        Sim::DeviceSpec setup("device-" + number, "Speaker " + number,
+                              i % 3 == 0 ? std::vector<UInt32>{2, 2} : std::vector<UInt32>{2},
+                              i % 4 == 0 ? std::vector<UInt32>{1} : std::vector<UInt32>{});
+        if (i % 5 == 0) setup.transport(kAudioDeviceTransportTypeHDMI).volumeControl(2);
+        outputs.push_back(sim.addDevice(setup));
     }
     for (int i = 0; i < kMultiOutputDevices; ++i) {
         const std::string number = std::to_string(i);

@@ -246,22 +246,22 @@ AudioObjectID SimulatedAudioHardware::addStream(Device& device, bool isInput, UI
     return stream.id;
 }
 
-AudioObjectID SimulatedAudioHardware::addDevice(const DeviceSpec& spec) {
+AudioObjectID SimulatedAudioHardware::addDevice(const DeviceSpec& setup) {
     auto device = std::make_unique<Device>();
     device->id = nextID();
-    device->uid = spec.uid;
-    device->name = spec.name;
-    device->transportType = spec.transportType;
-    device->sampleRate = spec.sampleRate;
-    device->volumeElements.insert(spec.volumeElements.begin(), spec.volumeElements.end());
-    for (const UInt32 element : spec.settableVolumeElements) {
+    device->uid = setup.uid;
+    device->name = setup.name;
+    device->transportType = setup.transportType;
+    device->sampleRate = setup.sampleRate;
+    device->volumeElements.insert(setup.volumeElements.begin(), setup.volumeElements.end());
+    for (const UInt32 element : setup.settableVolumeElements) {
         device->volumeElements.insert(element);
         device->settableVolumeElements.insert(element);
     }
-    for (const UInt32 channels : spec.outputStreams)
-        addStream(*device, false, channels, floatFormat(spec.sampleRate, channels));
-    for (const UInt32 channels : spec.inputStreams)
-        addStream(*device, true, channels, floatFormat(spec.sampleRate, channels));
+    for (const UInt32 channels : setup.outputStreams)
+        addStream(*device, false, channels, floatFormat(setup.sampleRate, channels));
+    for (const UInt32 channels : setup.inputStreams)
+        addStream(*device, true, channels, floatFormat(setup.sampleRate, channels));
     const AudioObjectID id = device->id;
     devices_[id] = std::move(device);
     sceneChanged();
@@ -335,18 +335,18 @@ AudioObjectID SimulatedAudioHardware::replaceDeviceUID(AudioObjectID id,
     const Device* device = findDevice(id);
     if (device == nullptr || device->kind != Device::Kind::plain)
         throw std::invalid_argument("replaceDeviceUID: not a plain device");
-    DeviceSpec spec(newUID, device->name, {});
-    spec.transportType = device->transportType;
-    spec.sampleRate = device->sampleRate;
+    DeviceSpec setup(newUID, device->name, {});
+    setup.transportType = device->transportType;
+    setup.sampleRate = device->sampleRate;
     for (const AudioObjectID stream : device->outputStreams)
-        spec.outputStreams.push_back(streams_.at(stream).channels);
+        setup.outputStreams.push_back(streams_.at(stream).channels);
     for (const AudioObjectID stream : device->inputStreams)
-        spec.inputStreams.push_back(streams_.at(stream).channels);
-    spec.volumeElements.assign(device->volumeElements.begin(), device->volumeElements.end());
-    spec.settableVolumeElements.assign(device->settableVolumeElements.begin(),
-                                       device->settableVolumeElements.end());
+        setup.inputStreams.push_back(streams_.at(stream).channels);
+    setup.volumeElements.assign(device->volumeElements.begin(), device->volumeElements.end());
+    setup.settableVolumeElements.assign(device->settableVolumeElements.begin(),
+                                        device->settableVolumeElements.end());
     removeDevice(id);
-    return addDevice(spec);
+    return addDevice(setup);
 }
 
 SimulatedAudioHardware::Device* SimulatedAudioHardware::findDevice(AudioObjectID id) {
@@ -430,13 +430,13 @@ void SimulatedAudioHardware::setCompositionSettable(AudioObjectID id, bool isSet
         isSettable;
 }
 
-AudioObjectID SimulatedAudioHardware::addProcess(const ProcessSpec& spec) {
+AudioObjectID SimulatedAudioHardware::addProcess(const ProcessSpec& setup) {
     Process process;
     process.id = nextID();
-    process.pid = spec.pid;
-    process.bundleID = spec.bundleID;
-    process.isRunningOutput = spec.isRunningOutput;
-    process.devices = spec.deviceIDs;
+    process.pid = setup.pid;
+    process.bundleID = setup.bundleID;
+    process.isRunningOutput = setup.isRunningOutput;
+    process.devices = setup.deviceIDs;
     processes_[process.id] = process;
     sceneChanged();
     return process.id;

@@ -113,7 +113,7 @@ public:
 
     // Adds a device and answers its object ID. Every output and input stream is its own
     // stream object with a float32 interleaved virtual format at the device's rate.
-    AudioObjectID addDevice(const DeviceSpec& spec);
+    AudioObjectID addDevice(const DeviceSpec& setup);
     // A multi-output device (aggregate class, transport 'grup', stacked) over existing or
     // missing member UIDs. Its 'grup', 'amst' and 'acom' come from one composition, so
     // they stay consistent when the composition is rewritten. It has one output stream with
@@ -140,7 +140,7 @@ public:
     void setComposition(AudioObjectID device, const PropertyList& composition);
     void setCompositionSettable(AudioObjectID device, bool isSettable);
 
-    AudioObjectID addProcess(const ProcessSpec& spec);
+    AudioObjectID addProcess(const ProcessSpec& setup);
     void removeProcess(AudioObjectID process);
     void setProcessRunningOutput(AudioObjectID process, bool isRunningOutput);
     void setProcessDevices(AudioObjectID process, const std::vector<AudioObjectID>& devices);

@@ -228,10 +228,10 @@ class NativeVolumeTest : public ::testing::TestWithParam<VolumeCase> {};
 TEST_P(NativeVolumeTest, ProbesMainElementThenEachChannel) {
     const auto& param = GetParam();
     Sim sim;
-    Sim::DeviceSpec spec("A", "Device", param.outputs, {1});
+    Sim::DeviceSpec setup("A", "Device", param.outputs, {1});
     for (const auto& [element, settable] : param.controls)
-        spec.volumeControl(element, settable);
-    sim.addDevice(spec);
+        setup.volumeControl(element, settable);
+    sim.addDevice(setup);
     const auto devices = AudioDeviceService(sim).devices();
     ASSERT_EQ(devices.size(), 1u);
     EXPECT_EQ(devices[0].supportsNativeVolume, param.expected) << param.what;
