@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <vector>
 
+#include "Brightmix/AudioRecording.h"
 #include "platform/linux/audiofile/AudioFileReader.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "tests/engine/TemporaryFolder.h"
@@ -16,16 +17,7 @@ namespace {
 using testing::TemporaryFolder;
 
 AudioStreamBasicDescription floatStereo(double rate) {
-    AudioStreamBasicDescription format{};
-    format.mSampleRate = rate;
-    format.mFormatID = kAudioFormatLinearPCM;
-    format.mFormatFlags = kAudioFormatFlagsNativeFloatPacked;
-    format.mBytesPerPacket = 8;
-    format.mFramesPerPacket = 1;
-    format.mBytesPerFrame = 8;
-    format.mChannelsPerFrame = 2;
-    format.mBitsPerChannel = 32;
-    return format;
+    return AudioRecording::clientFormat(rate);
 }
 
 AudioStreamBasicDescription aacStereo(double rate) {

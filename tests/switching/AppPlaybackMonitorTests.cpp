@@ -6,6 +6,7 @@
 
 #include "Brightmix/AppPlaybackMonitor.h"
 #include "Brightmix/AudioDeviceError.h"
+#include "Brightmix/AudioRecording.h"
 #include "platform/sim/ScriptedWorkspace.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 #include "platform/sim/VirtualMainLoop.h"
@@ -23,16 +24,7 @@ const std::string kNoAudioMessage = "Playback detection is not receiving audio. 
                                     "System Audio Recording permission in System Settings.";
 
 AudioStreamBasicDescription floatFormat(double rate) {
-    AudioStreamBasicDescription format{};
-    format.mSampleRate = rate;
-    format.mFormatID = kAudioFormatLinearPCM;
-    format.mFormatFlags = kAudioFormatFlagsNativeFloatPacked;
-    format.mBytesPerPacket = 8;
-    format.mFramesPerPacket = 1;
-    format.mBytesPerFrame = 8;
-    format.mChannelsPerFrame = 2;
-    format.mBitsPerChannel = 32;
-    return format;
+    return AudioRecording::clientFormat(rate);
 }
 
 class AppPlaybackMonitorTests : public ::testing::Test {
