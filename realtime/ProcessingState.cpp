@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <cfloat>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -217,6 +218,51 @@ struct Lane {
     bool isHeard;
 };
 
+// Two streams side by side in one SSE2 register: the baseline x86-64 instruction set does
+// two double operations at once, so two channels cost about as much as one.
+typedef double Double2 __attribute__((vector_size(16)));
+typedef float Float2 __attribute__((vector_size(8)));
+// Four single-precision samples at once, for the work around the filters: checking the
+// input, converting to and from the double lanes, and the gains.
+typedef float Float4 __attribute__((vector_size(16)));
+typedef int32_t Int4 __attribute__((vector_size(16)));
+typedef double Double4 __attribute__((vector_size(32)));
+
+Float4 load4(const float* from) {
+    Float4 v;
+    std::memcpy(&v, from, sizeof v);
+    return v;
+}
+
+void store4(float* to, Float4 v) {
+    std::memcpy(to, &v, sizeof v);
+}
+
+Float4 splat4(float value) {
+    return Float4{value, value, value, value};
+}
+
+// Clears the sign bits, as fabs does.
+Float4 magnitude4(Float4 v) {
+    return reinterpret_cast<Float4>(reinterpret_cast<Int4>(v) & 0x7FFFFFFF);
+}
+
+// Keeps the lanes whose mask is set, and +0 in the others.
+Float4 select4(Int4 mask, Float4 v) {
+    return reinterpret_cast<Float4>(reinterpret_cast<Int4>(v) & mask);
+}
+
+Float4 max4(Float4 a, Float4 b) {
+    return a > b ? a : b;
+}
+
+float largestOf(Float4 v, float initial) {
+    float result = initial;
+    for (uint32_t i = 0; i < 4; ++i)
+        result = v[i] > result ? v[i] : result;
+    return result;
+}
+
 // Reads a block of the lane's input: mono sum or source channel, counted as heard before
 // non-finite samples are replaced by 0, and measured for the input peak.
 float readSample(const Lane& lane, uint64_t frame) {
@@ -229,7 +275,18 @@ void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
     const InputChannel& source = lane.source;
     const bool isDirect =
         !lane.isMonoSum && source.data != nullptr && start + count <= source.frames;
-    if (isDirect) {
+    if (isDirect && source.stride == 2) {
+        // One channel of an interleaved stereo buffer, the usual input: four frames are
+        // two loads and one shuffle. The second load reaches one float past the fourth
+        // frame's sample, so the last frames are read one by one to stay inside the buffer.
+        const float* in = source.data + start * 2;
+        std::size_t i = 0;
+        for (; i + 4 < count; i += 4)
+            store4(x + i,
+                   __builtin_shufflevector(load4(in + 2 * i), load4(in + 2 * i + 4), 0, 2, 4, 6));
+        for (; i < count; ++i)
+            x[i] = in[2 * i];
+    } else if (isDirect) {
         const float* in = source.data + start * source.stride;
         for (uint32_t i = 0; i < count; ++i)
             x[i] = in[i * source.stride];
@@ -237,9 +294,22 @@ void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
         for (uint32_t i = 0; i < count; ++i)
             x[i] = readSample(lane, start + i);
     }
-    float peak = lane.inputPeak;
-    bool heard = lane.isHeard;
-    for (uint32_t i = 0; i < count; ++i) {
+    // Four samples at a time, then the rest one by one. The peak is a maximum, so the order
+    // in which it is taken cannot change it.
+    Float4 peaks = splat4(lane.inputPeak);
+    Int4 loud = {};
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const Float4 v = load4(x + i);
+        const Float4 magnitude = magnitude4(v);
+        loud |= magnitude > splat4(kSignalThreshold);
+        const Int4 isFinite = magnitude <= splat4(FLT_MAX); // false for NaN and infinity
+        store4(x + i, select4(isFinite, v));
+        peaks = max4(select4(isFinite, magnitude), peaks);
+    }
+    float peak = largestOf(peaks, lane.inputPeak);
+    bool heard = lane.isHeard || (loud[0] | loud[1] | loud[2] | loud[3]) != 0;
+    for (; i < count; ++i) {
         const float magnitude = std::fabs(x[i]);
         heard = heard || magnitude > kSignalThreshold;
         const bool isFinite = std::isfinite(x[i]);
@@ -252,10 +322,19 @@ void gather(Lane& lane, uint64_t start, uint32_t count, float* x) {
 
 // Applies the gains in single precision, in the documented order, and writes the block.
 void scatter(Lane& lane, uint64_t start, uint32_t count, const float* x) {
-    float peak = lane.outputPeak;
     float* out = lane.output + start * lane.outputStride;
     const uint64_t stride = lane.outputStride;
-    for (uint32_t i = 0; i < count; ++i) {
+    std::size_t i = 0;
+    Float4 peaks = splat4(lane.outputPeak);
+    if (stride == 1) {
+        for (; i + 4 <= count; i += 4) {
+            const Float4 y = splat4(lane.gain) * (splat4(lane.master) * load4(x + i));
+            peaks = max4(magnitude4(y), peaks);
+            store4(out + i, y);
+        }
+    }
+    float peak = largestOf(peaks, lane.outputPeak);
+    for (; i < count; ++i) {
         const float y = lane.gain * (lane.master * x[i]);
         const float magnitude = std::fabs(y);
         peak = magnitude > peak ? magnitude : peak;
@@ -263,11 +342,6 @@ void scatter(Lane& lane, uint64_t start, uint32_t count, const float* x) {
     }
     lane.outputPeak = peak;
 }
-
-// Two streams side by side in one SSE2 register: the baseline x86-64 instruction set does
-// two double operations at once, so two channels cost about as much as one.
-typedef double Double2 __attribute__((vector_size(16)));
-typedef float Float2 __attribute__((vector_size(8)));
 
 // Rounds both lanes to single precision. Written with whole-vector conversions on purpose:
 // GCC 12 folds the element-wise form, Double2{(double)(float)v[0], ...}, into nothing at -O2,
@@ -397,6 +471,42 @@ void runChain(Double2* block, uint32_t frames, const StageLane (*stages)[2],
     }
 }
 
+// Interleaves two streams' samples into the double lanes, four frames at a time.
+void toLanes(const float* first, const float* second, uint32_t count, Double2* block) {
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const Float4 a = load4(first + i);
+        const Float4 b = load4(second + i);
+        const Double4 low =
+            __builtin_convertvector(__builtin_shufflevector(a, b, 0, 4, 1, 5), Double4);
+        const Double4 high =
+            __builtin_convertvector(__builtin_shufflevector(a, b, 2, 6, 3, 7), Double4);
+        block[i] = __builtin_shufflevector(low, low, 0, 1);
+        block[i + 1] = __builtin_shufflevector(low, low, 2, 3);
+        block[i + 2] = __builtin_shufflevector(high, high, 0, 1);
+        block[i + 3] = __builtin_shufflevector(high, high, 2, 3);
+    }
+    for (; i < count; ++i)
+        block[i] = Double2{static_cast<double>(first[i]), static_cast<double>(second[i])};
+}
+
+// Rounds the double lanes to single precision and separates the two streams again.
+void fromLanes(const Double2* block, uint32_t count, float* first, float* second) {
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const Float4 low = __builtin_convertvector(
+            __builtin_shufflevector(block[i], block[i + 1], 0, 1, 2, 3), Float4);
+        const Float4 high = __builtin_convertvector(
+            __builtin_shufflevector(block[i + 2], block[i + 3], 0, 1, 2, 3), Float4);
+        store4(first + i, __builtin_shufflevector(low, high, 0, 2, 4, 6));
+        store4(second + i, __builtin_shufflevector(low, high, 1, 3, 5, 7));
+    }
+    for (; i < count; ++i) {
+        first[i] = static_cast<float>(block[i][0]);
+        second[i] = static_cast<float>(block[i][1]);
+    }
+}
+
 // Filters up to two lanes over `frames` frames. A missing second lane, and the stages one
 // lane has and the other lacks, run as identity stages on zero state: y = 1·x + 0 leaves the
 // sample exactly as it was, so pairing never changes a result.
@@ -443,13 +553,9 @@ void renderLanes(Lane* first, Lane* second, uint64_t frames) {
             std::memset(x[1], 0, sizeof x[1]);
         }
         if (isFiltered) {
-            for (uint32_t i = 0; i < count; ++i)
-                block[i] = Double2{static_cast<double>(x[0][i]), static_cast<double>(x[1][i])};
+            toLanes(x[0], x[1], count, block);
             runChain(block, count, stages, crossoverStages, bandStages, preGain);
-            for (uint32_t i = 0; i < count; ++i) {
-                x[0][i] = static_cast<float>(block[i][0]);
-                x[1][i] = static_cast<float>(block[i][1]);
-            }
+            fromLanes(block, count, x[0], x[1]);
         }
         scatter(*first, start, count, x[0]);
         if (second != nullptr) scatter(*second, start, count, x[1]);
