@@ -292,59 +292,62 @@ std::optional<AudioObjectID> AudioDeviceService::processObjectID(std::int32_t pi
     return object;
 }
 
-bool AudioDeviceService::isAnotherProcessPlaying(AudioObjectID device,
-                                                 std::int32_t excludedPID) const {
+namespace {
+
+// Visits, in process-list order, every process other than `excludedPID` that runs output to
+// `device`, with its PID when that can be read. Running output without naming a device counts
+// as playing to every device. The visitor returns false to stop; a process list that cannot be
+// read visits nothing.
+template <typename Visitor>
+void visitProcessesPlayingTo(const AudioDeviceService& service, AudioObjectID device,
+                             std::int32_t excludedPID, Visitor visit) {
     std::vector<AudioObjectID> processes;
     try {
-        processes = propertyIDs(system_, kAudioHardwarePropertyProcessObjectList,
-                                kAudioObjectPropertyScopeGlobal);
+        processes = service.propertyIDs(service.system(), kAudioHardwarePropertyProcessObjectList,
+                                        kAudioObjectPropertyScopeGlobal);
     } catch (const AudioDeviceError&) {
-        return false;
+        return;
     }
     for (const AudioObjectID process : processes) {
         // A PID that cannot be read does not exclude the process.
-        const auto pid = int32Property(process, globalAddress(kAudioProcessPropertyPID));
+        const auto pid = service.int32Property(process, globalAddress(kAudioProcessPropertyPID));
         if (pid && *pid == excludedPID) continue;
         const auto running =
-            uint32Property(process, globalAddress(kAudioProcessPropertyIsRunningOutput));
+            service.uint32Property(process, globalAddress(kAudioProcessPropertyIsRunningOutput));
         if (!running || *running == 0) continue;
         std::vector<AudioObjectID> used;
         try {
-            used =
-                propertyIDs(process, kAudioProcessPropertyDevices, kAudioObjectPropertyScopeGlobal);
+            used = service.propertyIDs(process, kAudioProcessPropertyDevices,
+                                       kAudioObjectPropertyScopeGlobal);
         } catch (const AudioDeviceError&) {
         }
-        // Running output without naming a device counts as playing everywhere.
-        if (used.empty() || std::find(used.begin(), used.end(), device) != used.end()) return true;
+        if (used.empty() || std::find(used.begin(), used.end(), device) != used.end()) {
+            if (!visit(pid)) return;
+        }
     }
-    return false;
+}
+
+} // namespace
+
+bool AudioDeviceService::isAnotherProcessPlaying(AudioObjectID device,
+                                                 std::int32_t excludedPID) const {
+    bool isPlaying = false;
+    visitProcessesPlayingTo(*this, device, excludedPID, [&](std::optional<std::int32_t>) {
+        isPlaying = true;
+        return false;
+    });
+    return isPlaying;
 }
 
 std::vector<std::int32_t> AudioDeviceService::playingProcessIDs(AudioObjectID device,
                                                                 std::int32_t excludedPID) const {
-    std::vector<AudioObjectID> processes;
-    try {
-        processes = propertyIDs(system_, kAudioHardwarePropertyProcessObjectList,
-                                kAudioObjectPropertyScopeGlobal);
-    } catch (const AudioDeviceError&) {
-        return {};
-    }
+    // Unlike the yes-or-no question above, a process whose PID cannot be read is left out:
+    // there is nothing to list for it.
     std::vector<std::int32_t> pids;
-    for (const AudioObjectID process : processes) {
-        const auto pid = int32Property(process, globalAddress(kAudioProcessPropertyPID));
-        if (!pid || *pid == excludedPID) continue;
-        const auto running =
-            uint32Property(process, globalAddress(kAudioProcessPropertyIsRunningOutput));
-        if (!running || *running == 0) continue;
-        std::vector<AudioObjectID> used;
-        try {
-            used =
-                propertyIDs(process, kAudioProcessPropertyDevices, kAudioObjectPropertyScopeGlobal);
-        } catch (const AudioDeviceError&) {
-        }
-        if (used.empty() || std::find(used.begin(), used.end(), device) != used.end())
-            pids.push_back(*pid);
-    }
+    visitProcessesPlayingTo(*this, device, excludedPID, [&](std::optional<std::int32_t> pid) {
+        if (pid) pids.push_back(*pid);
+        return true;
+    });
     return pids;
 }
 
