@@ -12,10 +12,6 @@ namespace {
 
 constexpr double kDistantPast = -std::numeric_limits<double>::infinity();
 
-AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
-
 } // namespace
 
 AppPlaybackMonitor::AppPlaybackMonitor(AudioDeviceService& devices, const MainLoop& loop,

@@ -15,10 +15,6 @@ namespace {
 constexpr const char* kReconnectFailedMessage =
     "The missing output could not be reconnected automatically. Check Audio MIDI Setup.";
 
-AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
-
 // A fixed-size plain value; none on a failed read or when the hardware answers with a
 // different number of bytes than the type holds.
 template <typename T>

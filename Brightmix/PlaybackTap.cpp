@@ -11,10 +11,6 @@ namespace brightmix {
 
 namespace {
 
-AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
-
 bool isFloat32LinearPCM(const AudioStreamBasicDescription& format) {
     return format.mFormatID == kAudioFormatLinearPCM && format.mBitsPerChannel == 32 &&
            (format.mFormatFlags & kAudioFormatFlagIsFloat) != 0 && format.mSampleRate > 0.0;

@@ -20,10 +20,6 @@ namespace {
     std::abort();
 }
 
-AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
-
 bool isFloat32PCM(const std::optional<AudioStreamBasicDescription>& format) {
     return format && format->mFormatID == kAudioFormatLinearPCM && format->mBitsPerChannel == 32 &&
            (format->mFormatFlags & kAudioFormatFlagIsFloat) != 0;

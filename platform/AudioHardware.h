@@ -26,6 +26,11 @@ struct AudioObjectPropertyAddress {
     AudioObjectPropertyElement mElement = kAudioObjectPropertyElementMain;
 };
 
+// The address most reads use: the global scope and the main element.
+constexpr AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
+    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
+}
+
 // An IOProc with Core Audio's signature; it runs on the device's real-time thread.
 using AudioDeviceIOProc = OSStatus (*)(AudioObjectID device, const AudioTimeStamp* now,
                                        const AudioBufferList* input,

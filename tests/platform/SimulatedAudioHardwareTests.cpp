@@ -17,9 +17,7 @@ using Sim = SimulatedAudioHardware;
 using testing::AudioHardwareContract;
 using testing::AudioHardwareContractScene;
 
-constexpr AudioObjectPropertyAddress global(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
+constexpr auto global = globalAddress;
 
 // ---- The contract -------------------------------------------------------------------------
 

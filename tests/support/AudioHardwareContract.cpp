@@ -13,9 +13,7 @@ GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(AudioHardwareContract);
 
 namespace {
 
-constexpr AudioObjectPropertyAddress global(AudioObjectPropertySelector selector) {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
+constexpr auto global = globalAddress;
 
 constexpr const char* kContractPrefix = "com.corvale.brightmix.private.contract.";
 
