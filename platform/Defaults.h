@@ -8,9 +8,11 @@
 #pragma once
 
 #include <cctype>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/PropertyList.h"
 
@@ -48,6 +50,29 @@ public:
         }
         return false;
     }
+
+    // Told when the domain cannot be saved (its folder cannot be created or written, the
+    // disk is full): once, and again only after a save has succeeded in between, so that a
+    // broken folder is one message and not one per setting. The values stay in memory and
+    // the program keeps working; writes stay fire-and-forget for the callers.
+    using WriteErrorHandler = std::function<void(const std::string& message)>;
+    void setWriteErrorHandler(WriteErrorHandler handler) {
+        writeErrorHandler_ = std::move(handler);
+    }
+    // The unresolved save error, if the last save failed.
+    const std::optional<std::string>& writeError() const { return writeError_; }
+
+protected:
+    void reportWriteError(std::string message) {
+        const bool isNew = !writeError_.has_value();
+        writeError_ = std::move(message);
+        if (isNew && writeErrorHandler_) writeErrorHandler_(*writeError_);
+    }
+    void noteWriteSucceeded() { writeError_.reset(); }
+
+private:
+    WriteErrorHandler writeErrorHandler_;
+    std::optional<std::string> writeError_;
 };
 
 } // namespace brightmix

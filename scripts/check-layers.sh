@@ -17,7 +17,7 @@ grep_includes() {  # folder, pattern
         "^[[:space:]]*#[[:space:]]*include[[:space:]]*[<\"]($2)" "$1" || true
 }
 
-os_headers='pipewire/|spa/|sndfile|libav|libsw|Q[A-Za-z]+|CoreAudio/|AudioToolbox/|AppKit/|Foundation/|CoreFoundation/|unistd\.h|sys/|pthread\.h|dlfcn\.h|fcntl\.h|signal\.h'
+os_headers='pipewire/|spa/|plist/|sndfile|libav|libsw|Q[A-Za-z]+|CoreAudio/|AudioToolbox/|AppKit/|Foundation/|CoreFoundation/|unistd\.h|sys/|pthread\.h|dlfcn\.h|fcntl\.h|signal\.h'
 
 hits=$(grep_includes realtime "platform/|Brightmix/|ui/|app/|$os_headers")
 [ -z "$hits" ] || fail "realtime/ includes only libc, libm and itself" "$hits"

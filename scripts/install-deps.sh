@@ -21,8 +21,8 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     # recording: WAV through libsndfile, M4A (AAC) through FFmpeg
     libsndfile1-dev libavcodec-dev libavformat-dev libavutil-dev libswresample-dev
-    # JSON coding of the saved rules
-    nlohmann-json3-dev
+    # JSON coding of the saved rules and labels; the Linux settings file (property list)
+    nlohmann-json3-dev libplist-dev
     # the real audio server for the Linux backend and its end-to-end tests
     pipewire pipewire-bin libspa-0.2-modules libpipewire-0.3-dev wireplumber
     pipewire-pulse pulseaudio-utils sox

@@ -16,7 +16,7 @@
 #include "platform/linux/audiofile/AudioFileReader.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "realtime/RecordingTap.h"
-#include "tests/engine/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace brightmix {
 namespace {

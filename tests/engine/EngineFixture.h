@@ -16,7 +16,7 @@
 #include "Brightmix/SoftwareVolumeEngine.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "platform/sim/SimulatedAudioHardware.h"
-#include "tests/engine/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace brightmix::testing {
 

@@ -8,8 +8,8 @@
 #include "Brightmix/AudioRecording.h"
 #include "platform/linux/audiofile/AudioFileReader.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
-#include "tests/engine/TemporaryFolder.h"
 #include "tests/support/AllocationGuard.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace brightmix {
 namespace {

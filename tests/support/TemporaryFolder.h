@@ -17,7 +17,7 @@ public:
         static std::atomic<unsigned> counter{0};
         auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
         path_ = std::filesystem::temp_directory_path() /
-                ("brightmix-engine-" + std::to_string(stamp) + "-" + std::to_string(counter++));
+                ("brightmix-test-" + std::to_string(stamp) + "-" + std::to_string(counter++));
         std::filesystem::create_directories(path_);
     }
     ~TemporaryFolder() {
