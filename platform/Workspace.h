@@ -54,6 +54,18 @@ public:
 
     // The icon the workspace shows for `path`.
     virtual WorkspaceIcon icon(std::string_view path) const = 0;
+
+    // Actions. Each reports failure by answering false; none throws.
+    // Opens a URL (a settings pane, a web page, a mail address) with its handler.
+    virtual bool openURL(std::string_view url) = 0;
+    // Opens the application at `path`.
+    virtual bool openApplication(std::string_view path) = 0;
+    // Shows the file selected in the file manager.
+    virtual bool revealFile(std::string_view path) = 0;
+    // Starts a new instance of this program (then the caller terminates this one).
+    virtual bool relaunch() = 0;
+    // Asks this program to quit through the normal path (termination hooks run).
+    virtual void terminate() = 0;
 };
 
 // "/a/./b//c/../d/" -> "/a/b/d": no empty or "." components, ".." removes the one before it

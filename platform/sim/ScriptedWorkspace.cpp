@@ -55,4 +55,29 @@ WorkspaceIcon ScriptedWorkspace::icon(std::string_view path) const {
     return WorkspaceIcon{"icon:" + standardizedPath(path), nullptr};
 }
 
+bool ScriptedWorkspace::openURL(std::string_view url) {
+    actions_.push_back("open-url " + std::string(url));
+    return !areActionsRefused_;
+}
+
+bool ScriptedWorkspace::openApplication(std::string_view path) {
+    actions_.push_back("open-app " + std::string(path));
+    return !areActionsRefused_;
+}
+
+bool ScriptedWorkspace::revealFile(std::string_view path) {
+    actions_.push_back("reveal " + std::string(path));
+    return !areActionsRefused_;
+}
+
+bool ScriptedWorkspace::relaunch() {
+    actions_.push_back("relaunch");
+    return !areActionsRefused_;
+}
+
+void ScriptedWorkspace::terminate() {
+    actions_.push_back("terminate");
+    if (terminationHandler_) terminationHandler_();
+}
+
 } // namespace brightmix

@@ -7,10 +7,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/Workspace.h"
 
@@ -41,12 +44,30 @@ public:
     // An icon named "icon:" + the standardised path.
     WorkspaceIcon icon(std::string_view path) const override;
 
+    // Actions are recorded, in order, as "open-url <url>", "open-app <path>", "reveal <path>",
+    // "relaunch" and "terminate"; the ones that can fail answer `areActionsRefused` negated.
+    bool openURL(std::string_view url) override;
+    bool openApplication(std::string_view path) override;
+    bool revealFile(std::string_view path) override;
+    bool relaunch() override;
+    void terminate() override;
+    const std::vector<std::string>& actions() const { return actions_; }
+    void clearActions() { actions_.clear(); }
+    void setActionsRefused(bool isRefused) { areActionsRefused_ = isRefused; }
+    // Called by terminate(), as the application's will-terminate notification would be.
+    void setTerminationHandler(std::function<void()> handler) {
+        terminationHandler_ = std::move(handler);
+    }
+
 private:
     std::map<std::int32_t, RunningApplication> applications_;
     std::map<std::string, std::string, std::less<>> identifiers_;
     std::map<std::string, std::string, std::less<>> displayNames_;
     std::string ownBundlePath_ = "/Applications/Brightmix.app";
     mutable std::size_t iconRequests_ = 0;
+    std::vector<std::string> actions_;
+    bool areActionsRefused_ = false;
+    std::function<void()> terminationHandler_;
 };
 
 } // namespace brightmix
