@@ -13,10 +13,14 @@ std::optional<DecodedVolumeKey> decodeVolumeKey(std::int64_t data1, std::int64_t
     }
     const bool isDown = ((low >> 8) & 0xFF) == 0x0A;
     switch (low >> 16) {
-    case 0: return DecodedVolumeKey{MediaVolumeKey::volumeUp, isDown};
-    case 1: return DecodedVolumeKey{MediaVolumeKey::volumeDown, isDown};
-    case 7: return DecodedVolumeKey{MediaVolumeKey::mute, isDown};
-    default: return std::nullopt;
+    case 0:
+        return DecodedVolumeKey{MediaVolumeKey::volumeUp, isDown};
+    case 1:
+        return DecodedVolumeKey{MediaVolumeKey::volumeDown, isDown};
+    case 7:
+        return DecodedVolumeKey{MediaVolumeKey::mute, isDown};
+    default:
+        return std::nullopt;
     }
 }
 
@@ -30,7 +34,9 @@ MediaKeyMonitor::MediaKeyMonitor(EventTap& tap, const Permissions& permissions, 
     : eventTap_(tap), permissions_(permissions), loop_(loop),
       self_(std::make_shared<MediaKeyMonitor*>(this)) {}
 
-MediaKeyMonitor::~MediaKeyMonitor() { stop(); }
+MediaKeyMonitor::~MediaKeyMonitor() {
+    stop();
+}
 
 void MediaKeyMonitor::update() {
     if (!activity.isActive) {
@@ -41,7 +47,8 @@ void MediaKeyMonitor::update() {
     if (shouldSuppressSystemHUD && permissions_.preflightPostEventAccess()) {
         if (tap_ != 0 && isSuppressingSystemHUD_) return;
     } else {
-        if (!permissions_.preflightListenEventAccess() && !permissions_.preflightPostEventAccess()) {
+        if (!permissions_.preflightListenEventAccess() &&
+            !permissions_.preflightPostEventAccess()) {
             stop();
             return;
         }

@@ -7,7 +7,9 @@ namespace brightmix {
 RecordingFolderStore::RecordingFolderStore(Defaults& defaults, FolderAccess& access)
     : defaults_(defaults), access_(access) {}
 
-RecordingFolderStore::~RecordingFolderStore() { release(); }
+RecordingFolderStore::~RecordingFolderStore() {
+    release();
+}
 
 void RecordingFolderStore::acquire(bool chooseAgain, Completion completion) {
     release();
@@ -34,18 +36,18 @@ void RecordingFolderStore::acquire(bool chooseAgain, Completion completion) {
 void RecordingFolderStore::choose(Completion completion) {
     const FolderChoice choice{kChooserTitle, kChooserMessage, kChooserPrompt,
                               access_.desktopFolder()};
-    access_.chooseFolder(choice, [this, completion = std::move(completion)](
-                                     std::optional<std::string> folder) {
-        if (!folder || !access_.startAccessing(*folder)) {
-            completion(std::nullopt);
-            return;
-        }
-        if (auto bookmark = access_.createBookmark(*folder)) {
-            defaults_.set(kKey, PropertyList::data(std::move(*bookmark)));
-        }
-        activeFolder_ = *folder;
-        completion(std::move(folder));
-    });
+    access_.chooseFolder(
+        choice, [this, completion = std::move(completion)](std::optional<std::string> folder) {
+            if (!folder || !access_.startAccessing(*folder)) {
+                completion(std::nullopt);
+                return;
+            }
+            if (auto bookmark = access_.createBookmark(*folder)) {
+                defaults_.set(kKey, PropertyList::data(std::move(*bookmark)));
+            }
+            activeFolder_ = *folder;
+            completion(std::move(folder));
+        });
 }
 
 void RecordingFolderStore::release() {

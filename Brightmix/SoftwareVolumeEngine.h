@@ -89,6 +89,8 @@ public:
         onRecordingFinished_ = std::move(handler);
     }
     bool isRecording() const { return recording_ != nullptr; }
+    // The recording in progress, if any.
+    const AudioRecording* recording() const { return recording_.get(); }
 
     // The engine's side of the health report: peaks (taken), the input's shape, the tap's
     // format, master gain, mode and each member's output peak.

@@ -4,14 +4,15 @@
 
 namespace brightmix {
 
-VolumeHUDController::VolumeHUDController(HudPanel& panel, const Screens& screens,
-                                         MainLoop& loop)
+VolumeHUDController::VolumeHUDController(HudPanel& panel, const Screens& screens, MainLoop& loop)
     : panel_(panel), screens_(screens), loop_(loop),
       self_(std::make_shared<VolumeHUDController*>(this)) {
     panel_.setAlpha(0);
 }
 
-VolumeHUDController::~VolumeHUDController() { loop_.cancel(dismissal_); }
+VolumeHUDController::~VolumeHUDController() {
+    loop_.cancel(dismissal_);
+}
 
 void VolumeHUDController::show(bool isMuted, const std::string& outputName, double volume) {
     loop_.cancel(dismissal_);

@@ -23,7 +23,7 @@ public:
     static constexpr double kTopInset = 12;
     static constexpr double kVisibleSeconds = 1.15;
     static constexpr double kFadeSeconds = 0.18;
-    static constexpr int kWindowLevel = 25;            // the status-window level
+    static constexpr int kWindowLevel = 25;              // the status-window level
     static constexpr unsigned kCollectionBehavior = 329; // all spaces, transient, no cycling,
                                                          // full-screen auxiliary
 

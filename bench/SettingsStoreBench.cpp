@@ -3,7 +3,6 @@
 // disk), with a realistic large domain: 40 device labels, 20 app rules and the speaker roles
 // and equalisers of 10 outputs with 4 members each. Measured in a folder under /tmp.
 #include <benchmark/benchmark.h>
-
 #include <filesystem>
 #include <string>
 

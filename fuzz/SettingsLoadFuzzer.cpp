@@ -36,10 +36,27 @@ public:
     }
     // JSON-ish text: structural characters, keys the decoders look for, and raw bytes.
     std::string json() {
-        static const char* const kPieces[] = {
-            "{", "}", "[", "]", ",", ":", "\"outputs\"", "\"inputs\"", "\"label\"",
-            "\"originalName\"", "\"bundleID\"", "\"appName\"", "\"outputUID\"", "\"outputName\"",
-            "\"A\"", "\"\"", "1", "null", "true", "\"\\u00e9\"", "\"\\ud800\""};
+        static const char* const kPieces[] = {"{",
+                                              "}",
+                                              "[",
+                                              "]",
+                                              ",",
+                                              ":",
+                                              "\"outputs\"",
+                                              "\"inputs\"",
+                                              "\"label\"",
+                                              "\"originalName\"",
+                                              "\"bundleID\"",
+                                              "\"appName\"",
+                                              "\"outputUID\"",
+                                              "\"outputName\"",
+                                              "\"A\"",
+                                              "\"\"",
+                                              "1",
+                                              "null",
+                                              "true",
+                                              "\"\\u00e9\"",
+                                              "\"\\ud800\""};
         const std::size_t count = byte() % 48;
         std::string result;
         for (std::size_t i = 0; i < count; ++i) {
@@ -54,23 +71,29 @@ public:
     }
     PropertyList value(int depth) {
         switch (byte() % (depth > 0 ? 9 : 7)) {
-        case 0: return PropertyList();
-        case 1: return PropertyList::boolean(byte() & 1);
-        case 2: return PropertyList::integer(static_cast<std::int8_t>(byte()));
+        case 0:
+            return PropertyList();
+        case 1:
+            return PropertyList::boolean(byte() & 1);
+        case 2:
+            return PropertyList::integer(static_cast<std::int8_t>(byte()));
         case 3: {
-            const double choices[] = {0.0, -0.2, 0.5, 1.7, 90, 95, 500, NAN, INFINITY, -INFINITY,
-                                      70, 110, 1e308};
+            const double choices[] = {0.0, -0.2,     0.5,       1.7, 90,  95,   500,
+                                      NAN, INFINITY, -INFINITY, 70,  110, 1e308};
             return PropertyList::real(choices[byte() % 13]);
         }
-        case 4: return PropertyList(text(6));
+        case 4:
+            return PropertyList(text(6));
         case 5: {
             const std::string bytes = json();
             return PropertyList::data(PropertyList::Data(bytes.begin(), bytes.end()));
         }
-        case 6: return PropertyList::unsignedInteger(byte());
+        case 6:
+            return PropertyList::unsignedInteger(byte());
         case 7: {
             PropertyList::Array items;
-            for (std::size_t i = byte() % 4; i > 0; --i) items.push_back(value(depth - 1));
+            for (std::size_t i = byte() % 4; i > 0; --i)
+                items.push_back(value(depth - 1));
             return PropertyList(std::move(items));
         }
         default: {
@@ -98,7 +121,8 @@ void checkRanges(const brightmix::AppSettings& settings) {
     const auto inUnit = [](double v) { return v >= 0 && v <= 1; };
     if (!inUnit(settings.volume)) fail("volume out of range");
     bool isStep = false;
-    for (double step : brightmix::kCrossoverFrequencies) isStep |= settings.crossoverFrequency == step;
+    for (double step : brightmix::kCrossoverFrequencies)
+        isStep |= settings.crossoverFrequency == step;
     if (!isStep) fail("crossover is not one of the four steps");
     for (const auto& [uid, volume] : settings.childVolumes) {
         if (!inUnit(volume)) fail("child volume out of range");
@@ -119,14 +143,20 @@ void checkRanges(const brightmix::AppSettings& settings) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace brightmix;
     Reader reader(data, size);
-    static const std::string_view kKeys[] = {
-        settingsKey::volume,          settingsKey::replaceSystemHUD,
-        settingsKey::selectedDeviceUID, settingsKey::childVolumes,
-        settingsKey::presetsByOutput, settingsKey::childPresets,
-        settingsKey::equalizersByOutput, settingsKey::childEqualizers,
-        settingsKey::crossoverFrequency, settingsKey::automaticallySwitchApps,
-        settingsKey::useDeviceLabels, settingsKey::deviceLabels,
-        settingsKey::appOutputRules,  settingsKey::recordingFormat};
+    static const std::string_view kKeys[] = {settingsKey::volume,
+                                             settingsKey::replaceSystemHUD,
+                                             settingsKey::selectedDeviceUID,
+                                             settingsKey::childVolumes,
+                                             settingsKey::presetsByOutput,
+                                             settingsKey::childPresets,
+                                             settingsKey::equalizersByOutput,
+                                             settingsKey::childEqualizers,
+                                             settingsKey::crossoverFrequency,
+                                             settingsKey::automaticallySwitchApps,
+                                             settingsKey::useDeviceLabels,
+                                             settingsKey::deviceLabels,
+                                             settingsKey::appOutputRules,
+                                             settingsKey::recordingFormat};
     PropertyList::Dictionary stored;
     for (std::string_view key : kKeys) {
         if (reader.byte() % 4 == 0) continue; // absent
@@ -166,8 +196,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = reader.byte() % 4; i > 0; --i) {
         mapping.insert_or_assign(reader.text(3), reader.text(3));
     }
-    UIDKeyedSettings keyed{settings.deviceLabels, settings.childVolumes, settings.presets,
-                           settings.equalizers,   settings.appOutputRules, settings.selectedDeviceUID};
+    UIDKeyedSettings keyed{settings.deviceLabels,   settings.childVolumes,
+                           settings.presets,        settings.equalizers,
+                           settings.appOutputRules, settings.selectedDeviceUID};
     InMemoryDefaults migrated(stored);
     keyed.migrate(mapping, migrated);
     checkRanges(AppSettings::load(migrated));

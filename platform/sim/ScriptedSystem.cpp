@@ -17,16 +17,19 @@ void ScriptedEventTap::enable(TapID tap) {
     if (const auto found = taps_.find(tap); found != taps_.end()) found->second.isEnabled = true;
 }
 
-void ScriptedEventTap::invalidate(TapID tap) { taps_.erase(tap); }
+void ScriptedEventTap::invalidate(TapID tap) {
+    taps_.erase(tap);
+}
 
 void ScriptedEventTap::disableByTimeout() {
-    for (auto& [id, tap] : taps_) tap.isEnabled = false;
+    for (auto& [id, tap] : taps_)
+        tap.isEnabled = false;
 }
 
 bool ScriptedEventTap::deliver(const TapEvent& event) {
     for (auto& [id, tap] : taps_) {
-        const bool isNotification = event.type == kTapDisabledByTimeout ||
-                                    event.type == kTapDisabledByUserInput;
+        const bool isNotification =
+            event.type == kTapDisabledByTimeout || event.type == kTapDisabledByUserInput;
         // A disabled tap still gets the system's notification that it was disabled.
         if (!tap.isEnabled && !isNotification) return false;
         // Copied: the callback may invalidate the tap it runs in.
