@@ -834,6 +834,7 @@ void AppModel::healthCheck() {
 
 void AppModel::tick() {
     PublishScope publish(*this);
+    engine_->destroyLeftovers();
     recordingUpkeep();
 
     const std::optional<std::string> previousUID = state_.selectedDeviceUID;
@@ -984,14 +985,12 @@ void AppModel::revealLastRecording() {
     if (state_.lastRecordingURL) services_.workspace.revealFile(*state_.lastRecordingURL);
 }
 
-std::string AppModel::recordingTimeText() const {
-    const double duration = std::isfinite(state_.recordingDuration) && state_.recordingDuration > 0
-                                ? state_.recordingDuration
-                                : 0;
-    const auto seconds = static_cast<long long>(duration);
+std::string AppModel::recordingTimeText(double seconds) {
+    const double duration = std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+    const auto whole = static_cast<long long>(duration);
     char text[48];
-    std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld", seconds / 3600, (seconds / 60) % 60,
-                  seconds % 60);
+    std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld", whole / 3600, (whole / 60) % 60,
+                  whole % 60);
     return text;
 }
 

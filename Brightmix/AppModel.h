@@ -206,8 +206,9 @@ public:
     void toggleRecording();
     void chooseRecordingFolder();
     void revealLastRecording();
-    // "hh:mm:ss" of the duration so far.
-    std::string recordingTimeText() const;
+    // "hh:mm:ss" of the duration so far (hours may take more digits).
+    std::string recordingTimeText() const { return recordingTimeText(state_.recordingDuration); }
+    static std::string recordingTimeText(double seconds);
     // The name of a recording started at `wallClock` with a UUID string.
     static std::string recordingFileName(double wallClock, const std::string& uuid,
                                          RecordingFormat format);

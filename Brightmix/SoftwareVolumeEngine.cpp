@@ -302,18 +302,31 @@ void SoftwareVolumeEngine::stop() noexcept {
     }
     ioProcID_ = nullptr;
     outputBufferRanges_.clear();
-    // The aggregate uses the tap, so it goes first.
+    // The aggregate uses the tap, so it goes first. What the system refuses to destroy is
+    // kept and tried again at the next stop (and at destroyLeftovers), so a transient refusal
+    // leaves nothing behind for good.
     if (aggregateID_ != 0) {
-        hardware_.destroyAggregateDevice(aggregateID_);
+        leftoverAggregates_.push_back(aggregateID_);
         aggregateID_ = 0;
     }
     if (tapID_ != 0) {
-        hardware_.destroyProcessTap(tapID_);
+        leftoverTaps_.push_back(tapID_);
         tapID_ = 0;
     }
+    destroyLeftovers();
     isRunning_ = false;
     // The meter starts from silence next time.
     ProcessingTakeOutputPeak(gainState_);
+}
+
+void SoftwareVolumeEngine::destroyLeftovers() noexcept {
+    std::erase_if(leftoverAggregates_, [this](AudioObjectID aggregate) {
+        return hardware_.destroyAggregateDevice(aggregate) == kAudioHardwareNoError;
+    });
+    // A tap still used by a leftover aggregate cannot go yet; it is retried with it.
+    std::erase_if(leftoverTaps_, [this](AudioObjectID tap) {
+        return hardware_.destroyProcessTap(tap) == kAudioHardwareNoError;
+    });
 }
 
 PropertyList::Dictionary SoftwareVolumeEngine::diagnosticDetails() {

@@ -67,8 +67,14 @@ public:
     void start(const AudioDevice& device, AudioCaptureMode mode);
 
     // Finishes a recording, stops and destroys the IOProc, the aggregate and the tap, in
-    // that order. Never fails.
+    // that order. Never fails: an aggregate or tap the system refuses to destroy is kept as a
+    // leftover and destroyed at the next stop or destroyLeftovers().
     void stop() noexcept;
+    // Tries again to destroy what an earlier stop could not. The app model calls it every
+    // refresh tick.
+    void destroyLeftovers() noexcept;
+    // Aggregates and taps still waiting to be destroyed.
+    std::size_t leftoverCount() const { return leftoverAggregates_.size() + leftoverTaps_.size(); }
 
     // Per-member settings. Each is stored (and survives stops) and, while the member owns
     // slots, applied at once; otherwise it takes effect at the next start.
@@ -157,6 +163,8 @@ private:
     std::map<std::string, EqualizerPreset> childEqualizers_;
     float crossoverHz_ = kDefaultCrossoverHz;
     std::map<std::string, SlotRange> outputBufferRanges_;
+    std::vector<AudioObjectID> leftoverAggregates_;
+    std::vector<AudioObjectID> leftoverTaps_;
     bool isRunning_ = false;
     AudioCaptureMode captureMode_ = AudioCaptureMode::selectedDevice;
 };
