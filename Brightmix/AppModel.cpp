@@ -937,7 +937,7 @@ void AppModel::continueRecordingStart(const std::optional<std::string>& folder,
 std::string AppModel::recordingFileName(double wallClock, const std::string& uuid,
                                         RecordingFormat format) {
     const std::tm local = localTime(wallClock);
-    char stamp[32];
+    char stamp[64];
     std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d.%02d.%02d", local.tm_year + 1900,
                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     return kProductName + " " + stamp + " " + uuid.substr(0, 8) + "." +
@@ -975,7 +975,7 @@ void AppModel::chooseRecordingFolder() {
     recordingFolder().acquire(true, [weak](std::optional<std::string> folder) {
         const auto self = weak.lock();
         if (!self || !folder) return;
-        PublishScope publish(**self);
+        PublishScope scope(**self);
         (*self)->state_.recordingMessage =
             "Recordings will save to " + std::filesystem::path(*folder).filename().string();
     });
