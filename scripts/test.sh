@@ -6,7 +6,8 @@
 #      (unit tests, and the end-to-end tests against a private PipeWire session),
 #   4. builds with AddressSanitizer + UBSan and runs the unit tests,
 #   5. builds with ThreadSanitizer and runs the concurrency stress tests, the tests whose
-#      IO runs on real threads and the end-to-end tests against PipeWire,
+#      IO runs on real threads (detection, the app model with its real file writer) and the
+#      end-to-end tests against PipeWire,
 #   6. builds the libFuzzer targets with clang and runs each for a bounded time,
 #   7. runs every benchmark once, briefly, so that none rots.
 # Set BRIGHTMIX_FUZZ_SECONDS to change the fuzzing time per target (default 30).
@@ -48,10 +49,12 @@ stage "ThreadSanitizer stress"
 cmake --preset tsan >/dev/null
 # The stress tests, and the detection tests whose taps run on real IO threads.
 cmake --build --preset tsan -j "$jobs" \
-    --target brightmix_stress_tests brightmix_tests_switching brightmix_tests_platform
+    --target brightmix_stress_tests brightmix_tests_switching brightmix_tests_platform \
+    brightmix_tests_model
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ./build/tsan/tests/brightmix_stress_tests --gtest_brief=1
 ./build/tsan/tests/brightmix_tests_switching --gtest_brief=1
+./build/tsan/tests/brightmix_tests_model --gtest_brief=1
 ./build/tsan/tests/brightmix_tests_platform --gtest_brief=1 --gtest_filter='*Thread*'
 # The PipeWire backend's thread loop and real-time thread, end to end against a session.
 cmake --build --preset tsan -j "$jobs" --target brightmix_linux_tests brightmix brightmix-watchdog
