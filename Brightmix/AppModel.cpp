@@ -112,6 +112,17 @@ AppModel::AppModel(AppServices services)
         if (const auto self = weak.lock()) (*self)->tick();
     });
 
+    // The panel's list of apps playing to the default output.
+    playingApps_.start([weak]() -> std::vector<std::int32_t> {
+        const auto self = weak.lock();
+        if (!self) return {};
+        AppModel& model = **self;
+        const std::optional<AudioDevice> output = model.devices_.defaultOutputDevice();
+        if (!output) return {};
+        return model.devices_.playingProcessIDs(output->id,
+                                                model.services_.hardware.currentProcessID());
+    });
+
     // 7. Back on after a restart if it was on.
     if (defaults_.boolForKey(settingsKey::resumeEnabled)) {
         services_.loop.post([weak] {

@@ -551,3 +551,24 @@ TEST_F(AppModelFixture, ChangesArePublishedOnlyWhenSomethingChanged) {
 
 } // namespace
 } // namespace brightmix::testing
+
+namespace brightmix::testing {
+namespace {
+
+TEST_F(AppModelFixture, ThePanelListsTheAppsPlayingToTheDefaultOutput) {
+    sim.addProcess({501, "com.example.player", true, {speakersID}});
+    sim.addProcess({502, "com.example.other", true, {multiID}});
+    workspace.setRunningApplication(501, "/Applications/Player.app/Contents/MacOS/Player",
+                                    "com.example.player");
+    workspace.setRunningApplication(502, "/Applications/Other.app", "com.example.other");
+    launch();
+    ASSERT_EQ(model->playingApps().apps().size(), 1u);
+    EXPECT_EQ(model->playingApps().apps()[0].name, "Player");
+    model->selectOutput("M", false);
+    tick();
+    ASSERT_EQ(model->playingApps().apps().size(), 1u);
+    EXPECT_EQ(model->playingApps().apps()[0].name, "Other");
+}
+
+} // namespace
+} // namespace brightmix::testing
