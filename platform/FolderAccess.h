@@ -43,6 +43,11 @@ public:
     virtual std::optional<ResolvedBookmark> resolveBookmark(const PropertyList::Data& bookmark) = 0;
     virtual bool startAccessing(const std::string& folder) = 0;
     virtual void stopAccessing(const std::string& folder) = 0;
+
+    // Lets the user choose one application, starting in `startFolder`, with `message` above
+    // the list; the completion gets its bundle path, or none when cancelled.
+    virtual void chooseApplication(const std::string& message, const std::string& startFolder,
+                                   Completion completion) = 0;
 };
 
 } // namespace brightmix

@@ -55,6 +55,11 @@ public:
     // The icon the workspace shows for `path`.
     virtual WorkspaceIcon icon(std::string_view path) const = 0;
 
+    // The name an application bundle gives itself (its display name, else its name), or none.
+    virtual std::optional<std::string> bundleName(std::string_view bundlePath) const = 0;
+    // The bundle identifier of the application in front, if any.
+    virtual std::optional<std::string> frontmostApplicationBundleID() const = 0;
+
     // Actions. Each reports failure by answering false; none throws.
     // Opens a URL (a settings pane, a web page, a mail address) with its handler.
     virtual bool openURL(std::string_view url) = 0;

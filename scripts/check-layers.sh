@@ -32,6 +32,9 @@ for layer in Brightmix ui; do
     [ -z "$hits" ] || fail "$layer/ includes no OS header and no platform implementation" "$hits"
 done
 
+hits=$(grep_includes ui "Brightmix/|platform/|realtime/|app/")
+[ -z "$hits" ] || fail "ui/ depends on nothing but the standard library" "$hits"
+
 hits=$(grep_includes platform/sim "platform/(linux|macos)/|app/|Brightmix/")
 [ -z "$hits" ] || fail "platform/sim/ stands beside the other implementations, below the app" "$hits"
 

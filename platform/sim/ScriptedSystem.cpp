@@ -82,6 +82,13 @@ void ScriptedFolderAccess::chooseFolder(const FolderChoice& choice, Completion c
     completion(chooserAnswer);
 }
 
+void ScriptedFolderAccess::chooseApplication(const std::string& message,
+                                             const std::string& startFolder,
+                                             Completion completion) {
+    applicationChoicesShown.emplace_back(message, startFolder);
+    completion(applicationAnswer);
+}
+
 void ScriptedFolderAccess::answer(std::optional<std::string> folder) {
     if (Completion completion = std::exchange(pending_, {})) completion(std::move(folder));
 }

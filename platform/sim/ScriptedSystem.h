@@ -12,12 +12,14 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/EventTap.h"
 #include "platform/FolderAccess.h"
 #include "platform/HudPanel.h"
 #include "platform/LoginItem.h"
+#include "platform/Updater.h"
 
 namespace brightmix {
 
@@ -114,8 +116,30 @@ public:
     // Completes a deferred chooser with `folder` (none: cancel).
     void answer(std::optional<std::string> folder);
 
+    // The application chooser: its answer (none: cancel) and what it was shown.
+    std::optional<std::string> applicationAnswer;
+    std::vector<std::pair<std::string, std::string>> applicationChoicesShown; // message, start
+    void chooseApplication(const std::string& message, const std::string& startFolder,
+                           Completion completion) override;
+
 private:
     Completion pending_;
+};
+
+class ScriptedUpdater final : public Updater {
+public:
+    bool available = true;
+    bool canCheck = true;
+    bool checksAutomatically = true;
+    std::optional<std::string> pending;
+    int checks = 0;
+
+    bool isAvailable() const override { return available; }
+    bool canCheckForUpdates() const override { return canCheck; }
+    void checkForUpdates() override { ++checks; }
+    bool automaticallyChecksForUpdates() const override { return checksAutomatically; }
+    void setAutomaticallyChecksForUpdates(bool isOn) override { checksAutomatically = isOn; }
+    std::optional<std::string> pendingVersion() const override { return pending; }
 };
 
 class RecordedHudPanel final : public HudPanel, public Screens {

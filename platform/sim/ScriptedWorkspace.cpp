@@ -55,6 +55,16 @@ WorkspaceIcon ScriptedWorkspace::icon(std::string_view path) const {
     return WorkspaceIcon{"icon:" + standardizedPath(path), nullptr};
 }
 
+std::optional<std::string> ScriptedWorkspace::bundleName(std::string_view bundlePath) const {
+    const auto found = bundleNames_.find(standardizedPath(bundlePath));
+    if (found == bundleNames_.end()) return std::nullopt;
+    return found->second;
+}
+
+void ScriptedWorkspace::setBundleName(std::string bundlePath, std::string name) {
+    bundleNames_.insert_or_assign(standardizedPath(bundlePath), std::move(name));
+}
+
 bool ScriptedWorkspace::openURL(std::string_view url) {
     actions_.push_back("open-url " + std::string(url));
     return !areActionsRefused_;

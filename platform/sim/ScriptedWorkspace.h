@@ -51,6 +51,16 @@ public:
     bool revealFile(std::string_view path) override;
     bool relaunch() override;
     void terminate() override;
+    std::optional<std::string> bundleName(std::string_view bundlePath) const override;
+    std::optional<std::string> frontmostApplicationBundleID() const override {
+        return frontmost_;
+    }
+    // The name a bundle gives itself (none: it gives none).
+    void setBundleName(std::string bundlePath, std::string name);
+    void setFrontmostApplication(std::optional<std::string> bundleID) {
+        frontmost_ = std::move(bundleID);
+    }
+
     const std::vector<std::string>& actions() const { return actions_; }
     void clearActions() { actions_.clear(); }
     void setActionsRefused(bool isRefused) { areActionsRefused_ = isRefused; }
@@ -65,6 +75,8 @@ private:
     std::map<std::string, std::string, std::less<>> displayNames_;
     std::string ownBundlePath_ = "/Applications/Brightmix.app";
     mutable std::size_t iconRequests_ = 0;
+    std::map<std::string, std::string, std::less<>> bundleNames_;
+    std::optional<std::string> frontmost_;
     std::vector<std::string> actions_;
     bool areActionsRefused_ = false;
     std::function<void()> terminationHandler_;

@@ -108,7 +108,7 @@ TEST_P(FaultTest, DuringRecordingStart) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryCall, FaultTest, ::testing::ValuesIn(kEveryCall),
-                         [](const auto& info) { return std::to_string(int(info.param)); });
+                         [](const auto& callInfo) { return std::to_string(int(callInfo.param)); });
 
 TEST_F(AppModelFixture, ARandomRunKeepsEveryInvariant) {
     permissions.canPost = true;
