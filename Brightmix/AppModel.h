@@ -201,6 +201,7 @@ public:
     // Stops and restarts the key monitor ("Retry volume keys").
     void retryMediaKeys();
     void setLaunchAtLogin(bool isOn);
+    void openLoginItemsSettings() { services_.loginItem.openSystemSettingsLoginItems(); }
 
     // ---- Recording ----------------------------------------------------------------------------
     void toggleRecording();
@@ -227,7 +228,13 @@ public:
     SoftwareVolumeEngine& engine() { return *engine_; }
     MediaKeyMonitor& mediaKeys() { return mediaKeys_; }
     OutputLevelMeter& outputMeter() { return *outputMeter_; }
+    const OutputLevelMeter& outputMeter() const { return *outputMeter_; }
     PlayingAppsMonitor& playingApps() { return playingApps_; }
+    const PlayingAppsMonitor& playingApps() const { return playingApps_; }
+    Workspace& workspace() const { return services_.workspace; }
+    FolderAccess& folderAccess() const { return services_.folderAccess; }
+    MainLoop& loop() const { return services_.loop; }
+    Permissions& permissions() const { return services_.permissions; }
     const AppOutputPolicy& appOutputPolicy() const { return appOutputPolicy_; }
     const AudioHealthMonitor& audioHealth() const { return audioHealth_; }
     const std::optional<std::string>& restoreDeviceUID() const { return restoreDeviceUID_; }

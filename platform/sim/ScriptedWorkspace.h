@@ -52,9 +52,7 @@ public:
     bool relaunch() override;
     void terminate() override;
     std::optional<std::string> bundleName(std::string_view bundlePath) const override;
-    std::optional<std::string> frontmostApplicationBundleID() const override {
-        return frontmost_;
-    }
+    std::optional<std::string> frontmostApplicationBundleID() const override { return frontmost_; }
     // The name a bundle gives itself (none: it gives none).
     void setBundleName(std::string bundlePath, std::string name);
     void setFrontmostApplication(std::optional<std::string> bundleID) {
