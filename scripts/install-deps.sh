@@ -26,6 +26,8 @@ packages=(
     # the real audio server for the Linux backend and its end-to-end tests
     pipewire pipewire-bin libspa-0.2-modules libpipewire-0.3-dev wireplumber
     pipewire-pulse pulseaudio-utils sox
+    # the desktop application: Qt 6 widgets, and a virtual X server with fonts for its tests
+    qt6-base-dev libgl-dev xvfb xauth fonts-dejavu-core
 )
 
 missing=()
