@@ -316,6 +316,7 @@ void AppModel::enable() {
     state_.isEnabled = true;
     state_.isUsingCompatibilityCapture = engine_->isUsingCompatibilityCapture();
     writeResumeEnabled(true);
+    startOutputMeter();
     if (areMediaKeysHandled() && !services_.permissions.preflightListenEventAccess() &&
         !services_.permissions.preflightPostEventAccess()) {
         services_.permissions.requestListenEventAccess();
@@ -348,9 +349,16 @@ void AppModel::failEnable(const std::string& description) {
     applyMediaKeySettings();
 }
 
+void AppModel::startOutputMeter() {
+    if (outputMeter_->isRunning()) return;
+    ProcessingState* processing = engine_->gainState();
+    outputMeter_->start([processing] { return ProcessingTakeOutputPeak(processing); });
+}
+
 void AppModel::disable(bool restoreOutput) {
     PublishScope publish(*this);
     engine_->stop();
+    outputMeter_->stop();
     audioHealth_.reset(*engine_);
     state_.isEnabled = false;
     state_.isUsingCompatibilityCapture = false;
@@ -382,6 +390,7 @@ void AppModel::setEnabled(bool isOn) {
 
 void AppModel::switchOffForChangedOutput() {
     engine_->stop();
+    outputMeter_->stop();
     audioHealth_.reset(*engine_);
     state_.isEnabled = false;
     state_.isUsingCompatibilityCapture = false;
@@ -409,6 +418,7 @@ void AppModel::restartEngine() {
     pushVolume();
     state_.isEnabled = true;
     state_.isUsingCompatibilityCapture = engine_->isUsingCompatibilityCapture();
+    startOutputMeter();
 }
 
 void AppModel::restartAudioEngine() {

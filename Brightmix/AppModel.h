@@ -256,6 +256,8 @@ private:
     std::vector<std::string> memberUIDs(const AudioDevice& device) const;
     void applyChildParameters();
     void pushVolume();
+    // The panel's level meter runs while the software volume is on.
+    void startOutputMeter();
     void storeVolume(double volume);
     void switchOffForChangedOutput();
     void restartEngine();

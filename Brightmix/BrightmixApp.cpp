@@ -28,8 +28,9 @@ std::optional<double> parseNumber(const std::optional<std::string>& value) {
 
 } // namespace
 
-BrightmixApp::BrightmixApp(AppModel& model, Updater& updater, Host host)
-    : model_(model), updater_(updater), host_(std::move(host)), editor_(model) {
+BrightmixApp::BrightmixApp(AppModel& model, Updater& updater, Host host, PlatformProfile profile)
+    : model_(model), updater_(updater), host_(std::move(host)), profile_(std::move(profile)),
+      editor_(model) {
     model_.setChangeObserver([this] { notify(); });
     model_.outputMeter().setObserver([this](const OutputLevelEnvelope&) { notify(); });
     model_.playingApps().setObserver([this](const std::vector<PlayingApp>&) { notify(); });
@@ -47,16 +48,20 @@ void BrightmixApp::notify() const {
 
 void BrightmixApp::launch() {
     model_.refreshPermissions();
-    if (SetupLauncher::shouldOpenAtLaunch(model_.state())) openWindow(kSetupWindow);
+    if (profile_.hasKeyPermissions && SetupLauncher::shouldOpenAtLaunch(model_.state())) {
+        openWindow(kSetupWindow);
+    }
 }
 
 ui::Node BrightmixApp::panel() const {
-    return BrightmixMenuView::body(model_, menuState_, updater_);
+    return BrightmixMenuView::body(model_, menuState_, updater_, profile_);
 }
 
 std::optional<ui::Node> BrightmixApp::window(const std::string& identifier) const {
     if (!isWindowOpen(identifier)) return std::nullopt;
-    if (identifier == kSetupWindow && setup_) return setup_->body();
+    if (identifier == kSetupWindow && setup_) {
+        return profile_.hasKeyPermissions ? setup_->body() : SetupView::nothingToSetUp();
+    }
     if (identifier == kAppOutputsWindow) return AppOutputsView::body(model_, editor_);
     if (identifier == kDeviceLabelsWindow) return DeviceLabelsView::body(model_);
     return std::nullopt;
@@ -134,7 +139,9 @@ bool BrightmixApp::perform(const ui::ActionEvent& event) {
     } else if (name == "restartAudioEngine") {
         model_.restartAudioEngine();
     } else if (name == "openAudioMIDISetup") {
-        model_.workspace().openApplication(BrightmixMenuView::kAudioMIDISetupPath);
+        if (!profile_.soundSetupPath.empty()) {
+            model_.workspace().openApplication(profile_.soundSetupPath);
+        }
     } else if (name == "setReplaceSystemHUD" && flag) {
         model_.setReplaceSystemHUD(*flag);
     } else if (name == "confirmReset") {

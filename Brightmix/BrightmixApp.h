@@ -37,7 +37,8 @@ public:
         std::function<void()> changed;
     };
 
-    BrightmixApp(AppModel& model, Updater& updater, Host host);
+    BrightmixApp(AppModel& model, Updater& updater, Host host,
+                 PlatformProfile profile = PlatformProfile::macOS());
     ~BrightmixApp();
     BrightmixApp(const BrightmixApp&) = delete;
     BrightmixApp& operator=(const BrightmixApp&) = delete;
@@ -60,6 +61,7 @@ public:
     bool perform(const ui::ActionEvent& event);
 
     const MenuViewState& menuState() const { return menuState_; }
+    const PlatformProfile& profile() const { return profile_; }
     AppOutputsEditor& appOutputsEditor() { return editor_; }
     SetupView* setupView() { return setup_.get(); }
 
@@ -69,6 +71,7 @@ private:
     AppModel& model_;
     Updater& updater_;
     Host host_;
+    PlatformProfile profile_;
     MenuViewState menuState_;
     AppOutputsEditor editor_;
     std::unique_ptr<SetupView> setup_;

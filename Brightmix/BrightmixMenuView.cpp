@@ -21,12 +21,12 @@ bool areKeysWanted(const AppModelState& state) {
            state.systemOutputUID == state.selectedDeviceUID;
 }
 
-ui::Node header(const AppModelState& state) {
+ui::Node header(const AppModelState& state, const PlatformProfile& profile) {
     std::vector<ui::Node> lines{
         ui::row("header",
                 {ui::text("title", "Brightmix", ui::TextRole::title), ui::spacer("header.space"),
                  ui::toggle("enabled", "Brightmix", state.isEnabled, {"setEnabled", {}})}),
-        ui::text("status", BrightmixMenuView::statusLine(state), ui::TextRole::status)};
+        ui::text("status", BrightmixMenuView::statusLine(state, profile), ui::TextRole::status)};
     if (state.isMuted) lines.push_back(ui::text("muted", "Muted", ui::TextRole::status));
     return ui::stack("top", std::move(lines));
 }
@@ -51,17 +51,17 @@ ui::Node devicePickers(const AppModel& model) {
     return ui::section("devices", "", std::move(pickers));
 }
 
-ui::Node volume(const AppModelState& state) {
+ui::Node volume(const AppModelState& state, const PlatformProfile& profile) {
     ui::Node level = ui::slider("volume", "Volume", state.volume, 0, 1, percentText(state.volume),
                                 {"setVolume", {}});
     level.accessibilityLabel = "Volume";
     ui::Node mute = state.isMuted
                         ? ui::button("mute", "Unmute", "speaker.slash.fill", {"toggleMute", {}})
                         : ui::button("mute", "Mute", "speaker.wave.2.fill", {"toggleMute", {}});
-    return ui::section(
-        "volume.section", "",
-        {ui::row("volume.row", {std::move(level), std::move(mute)}),
-         ui::text("volume.help", BrightmixMenuView::volumeHelp(state), ui::TextRole::help)});
+    return ui::section("volume.section", "",
+                       {ui::row("volume.row", {std::move(level), std::move(mute)}),
+                        ui::text("volume.help", BrightmixMenuView::volumeHelp(state, profile),
+                                 ui::TextRole::help)});
 }
 
 ui::Node outputCard(const AppModel& model, const OutputCard& card) {
@@ -117,7 +117,8 @@ ui::Node calloutNode(const Callout& callout) {
                        callout.symbol, callout.message, callout.action, callout.perform);
 }
 
-std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& updater) {
+std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& updater,
+                                       const PlatformProfile& profile) {
     const AppModelState& state = model.state();
     std::vector<ui::MenuEntry> entries{
         ui::menuItem("options.app-outputs", "App Outputs…", {"openWindow", {"app-outputs"}}),
@@ -126,7 +127,7 @@ std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& upd
                        {"setUseDeviceLabels", {}}),
         ui::menuSeparator("options.separator.audio"),
         ui::menuItem("options.restart-engine", "Restart Audio Engine", {"restartAudioEngine", {}}),
-        ui::menuItem("options.audio-midi-setup", "Open Audio MIDI Setup",
+        ui::menuItem("options.audio-midi-setup", profile.soundSetupTitle,
                      {"openAudioMIDISetup", {}}),
         ui::menuToggle("options.replace-hud", "Replace macOS Volume Indicator",
                        state.replaceSystemHUD, {"setReplaceSystemHUD", {}}),
@@ -146,12 +147,17 @@ std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& upd
                        {"setLaunchAtLogin", {}}),
         ui::menuItem("options.reset", "Reset Saved Settings…", {"confirmReset", {}}),
     };
+    entries[5].isEnabled = !profile.soundSetupPath.empty();
     entries[6].help = "Uses Accessibility permission to show the Brightmix volume indicator for "
                       "outputs macOS cannot control itself. Outputs with their own volume "
                       "control keep the macOS indicator.";
     const bool isBusy = state.isRecording || state.isPreparingRecording;
     entries[9].isEnabled = !isBusy;
     entries[10].isEnabled = !isBusy;
+    if (!profile.hasKeyPermissions) {
+        // The desktop shows its own indicator and owns the keys: nothing to replace.
+        entries.erase(entries.begin() + 6);
+    }
     if (updater.isAvailable()) {
         ui::MenuEntry check =
             ui::menuItem("options.check-updates", "Check for Updates…", {"checkForUpdates", {}});
@@ -184,19 +190,23 @@ std::string percentText(double level) {
     return text;
 }
 
-std::string BrightmixMenuView::statusLine(const AppModelState& state) {
-    if (!state.isEnabled) return "Off. Volume keys use macOS.";
+std::string BrightmixMenuView::statusLine(const AppModelState& state,
+                                          const PlatformProfile& profile) {
+    if (!state.isEnabled) return "Off. Volume keys use " + profile.systemName + ".";
     if (state.isUsingCompatibilityCapture) return "On, using compatibility routing";
     if (state.isMonitoringMediaKeys) return "On. Volume keys control the level below.";
-    return "On. Volume keys use macOS.";
+    return "On. Volume keys use " + profile.systemName + ".";
 }
 
-std::string BrightmixMenuView::volumeHelp(const AppModelState& state) {
+std::string BrightmixMenuView::volumeHelp(const AppModelState& state,
+                                          const PlatformProfile& profile) {
     if (!areKeysWanted(state) || !state.isMonitoringMediaKeys) {
-        return "Volume keys use macOS. This slider adjusts the processed audio level.";
+        return "Volume keys use " + profile.systemName +
+               ". This slider adjusts the processed audio level.";
     }
     if (!state.isReplacingSystemHUD) {
-        return "Volume keys move this. macOS may still show its own indicator.";
+        return "Volume keys move this. " + profile.systemName +
+               " may still show its own indicator.";
     }
     return "Volume keys move this and show the Brightmix indicator.";
 }
@@ -231,20 +241,36 @@ std::vector<OutputCard> BrightmixMenuView::outputCards(const AppModel& model) {
     return cards;
 }
 
-std::vector<Callout> BrightmixMenuView::callouts(const AppModel& model, const Updater& updater) {
+std::vector<Callout> BrightmixMenuView::callouts(const AppModel& model, const Updater& updater,
+                                                 const PlatformProfile& profile) {
     const AppModelState& state = model.state();
     std::vector<Callout> callouts;
     if (!state.missingOutputUIDs.empty()) {
-        callouts.push_back({"exclamationmark.triangle.fill",
-                            "Reconnect the missing output or check its selection in Audio MIDI "
-                            "Setup.",
-                            "Audio MIDI Setup…",
-                            {"openAudioMIDISetup", {}}});
+        if (profile.hasKeyPermissions) {
+            callouts.push_back({"exclamationmark.triangle.fill",
+                                "Reconnect the missing output or check its selection in Audio "
+                                "MIDI Setup.",
+                                profile.soundSetupButton,
+                                {"openAudioMIDISetup", {}}});
+        } else if (!profile.soundSetupPath.empty()) {
+            callouts.push_back({"exclamationmark.triangle.fill",
+                                "Reconnect the missing output or check the multi-output device "
+                                "in the sound settings.",
+                                profile.soundSetupButton,
+                                {"openAudioMIDISetup", {}}});
+        } else {
+            callouts.push_back({"exclamationmark.triangle.fill",
+                                "Reconnect the missing output. A multi-output device’s members "
+                                "come from the PipeWire configuration (a combine-stream "
+                                "module); check its rules.",
+                                "",
+                                {}});
+        }
     }
     if (state.deviceRecoveryMessage) {
         callouts.push_back({"exclamationmark.triangle.fill", *state.deviceRecoveryMessage, "", {}});
     }
-    if (areKeysWanted(state)) {
+    if (areKeysWanted(state) && profile.hasKeyPermissions) {
         if (!state.hasMediaKeyPermission) {
             callouts.push_back({"keyboard",
                                 "Input Monitoring is needed for the volume keys.",
@@ -292,20 +318,21 @@ std::vector<Callout> BrightmixMenuView::callouts(const AppModel& model, const Up
 }
 
 ui::Node BrightmixMenuView::body(const AppModel& model, const MenuViewState& viewState,
-                                 const Updater& updater) {
+                                 const Updater& updater, const PlatformProfile& profile) {
     const AppModelState& state = model.state();
-    std::vector<ui::Node> children{header(state), devicePickers(model), volume(state)};
+    std::vector<ui::Node> children{header(state, profile), devicePickers(model),
+                                   volume(state, profile)};
     if (!state.childDevices.empty()) children.push_back(outputs(model));
-    const std::vector<Callout> notes = callouts(model, updater);
+    const std::vector<Callout> notes = callouts(model, updater, profile);
     if (!notes.empty()) {
         std::vector<ui::Node> rows;
         for (const Callout& note : notes)
             rows.push_back(calloutNode(note));
         children.push_back(ui::stack("callouts", std::move(rows)));
     }
-    children.push_back(RecordingControlsView::body(model));
+    children.push_back(RecordingControlsView::body(model, profile));
     children.push_back(
-        ui::menu("options", "Options", "ellipsis.circle", optionsMenu(model, updater)));
+        ui::menu("options", "Options", "ellipsis.circle", optionsMenu(model, updater, profile)));
     if (viewState.isConfirmingReset) {
         children.push_back(ui::confirmation(
             "reset", "Reset Brightmix settings?",

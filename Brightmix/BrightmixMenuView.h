@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Brightmix/AppModel.h"
+#include "Brightmix/PlatformProfile.h"
 #include "platform/Updater.h"
 #include "ui/View.h"
 
@@ -47,21 +48,20 @@ struct MenuViewState {
 };
 
 struct BrightmixMenuView {
-    inline static const std::string kAudioMIDISetupPath =
-        "/System/Applications/Utilities/Audio MIDI Setup.app";
     inline static const std::string kPrivacyPolicyURL = "https://corvale.com/brightmix/privacy";
     inline static const std::string kHelpURL = "https://corvale.com/brightmix/help";
     inline static const std::string kSupportMailURL =
         "mailto:support@corvale.com?subject=Brightmix";
 
-    static std::string statusLine(const AppModelState& state);
-    static std::string volumeHelp(const AppModelState& state);
+    static std::string statusLine(const AppModelState& state, const PlatformProfile& profile = {});
+    static std::string volumeHelp(const AppModelState& state, const PlatformProfile& profile = {});
     static std::vector<Option> outputOptions(const AppModel& model);
     static std::vector<OutputCard> outputCards(const AppModel& model);
-    static std::vector<Callout> callouts(const AppModel& model, const Updater& updater);
+    static std::vector<Callout> callouts(const AppModel& model, const Updater& updater,
+                                         const PlatformProfile& profile = {});
 
     static ui::Node body(const AppModel& model, const MenuViewState& viewState,
-                         const Updater& updater);
+                         const Updater& updater, const PlatformProfile& profile = {});
 };
 
 // The menu-bar item's accessibility label, first match wins.

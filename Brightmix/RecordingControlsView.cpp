@@ -9,7 +9,7 @@ std::string RecordingControlsView::recordTitle(RecordingFormat format) {
            (format == RecordingFormat::wav ? "WAV" : "M4A");
 }
 
-ui::Node RecordingControlsView::body(const AppModel& model) {
+ui::Node RecordingControlsView::body(const AppModel& model, const PlatformProfile& profile) {
     const AppModelState& state = model.state();
     std::vector<ui::Node> children;
     if (state.isRecording) {
@@ -37,9 +37,10 @@ ui::Node RecordingControlsView::body(const AppModel& model) {
             ui::text("recording.message", *state.recordingMessage,
                      isProblem ? ui::TextRole::error : ui::TextRole::caption)};
         if (isSaved && state.lastRecordingURL) {
-            ui::Node reveal = ui::button("recording.reveal", "Show in Finder", "folder",
-                                         {"revealLastRecording", {}}, ui::ButtonRole::link);
-            reveal.help = "Show recording in Finder";
+            ui::Node reveal =
+                ui::button("recording.reveal", "Show in " + profile.fileManagerName, "folder",
+                           {"revealLastRecording", {}}, ui::ButtonRole::link);
+            reveal.help = "Show recording in " + profile.fileManagerName;
             line.push_back(std::move(reveal));
         }
         children.push_back(ui::row("recording.result", std::move(line)));

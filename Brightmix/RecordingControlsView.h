@@ -7,13 +7,14 @@
 #include <string>
 
 #include "Brightmix/AppModel.h"
+#include "Brightmix/PlatformProfile.h"
 #include "ui/View.h"
 
 namespace brightmix {
 
 struct RecordingControlsView {
     static std::string recordTitle(RecordingFormat format);
-    static ui::Node body(const AppModel& model);
+    static ui::Node body(const AppModel& model, const PlatformProfile& profile = {});
 };
 
 } // namespace brightmix

@@ -181,4 +181,16 @@ ui::Node SetupView::body() const {
                                         ui::ButtonRole::primary)})});
 }
 
+ui::Node SetupView::nothingToSetUp() {
+    return ui::window(
+        "setup", "Set Up Brightmix",
+        {ui::text("welcome.title", "Welcome to Brightmix", ui::TextRole::title),
+         ui::text("nothing",
+                  "There is nothing to set up on this system: the desktop’s own volume keys and "
+                  "indicator need no extra permission, and Brightmix is ready to use."),
+         ui::row("buttons", {ui::spacer("buttons.space"),
+                             ui::button("done", "Done", "", {"closeWindow", {"setup"}},
+                                        ui::ButtonRole::primary)})});
+}
+
 } // namespace brightmix

@@ -58,6 +58,8 @@ public:
     bool isAccessibilityGranted() const;
     std::vector<PermissionRow> rows() const;
     ui::Node body() const;
+    // The window on a system whose volume keys need no permission.
+    static ui::Node nothingToSetUp();
 
     bool showAccessibilitySteps = false;
     SettingsLaunchProgress settingsLaunch;

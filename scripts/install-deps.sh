@@ -27,7 +27,7 @@ packages=(
     pipewire pipewire-bin libspa-0.2-modules libpipewire-0.3-dev wireplumber
     pipewire-pulse pulseaudio-utils sox
     # the desktop application: Qt 6 widgets, and a virtual X server with fonts for its tests
-    qt6-base-dev libgl-dev xvfb xauth fonts-dejavu-core
+    qt6-base-dev libqt6svg6 libgl-dev breeze-icon-theme xvfb xauth fonts-dejavu-core
 )
 
 missing=()

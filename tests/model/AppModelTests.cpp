@@ -53,8 +53,10 @@ TEST_F(AppModelFixture, SwitchingOnAndOffWhenTheOutputIsAlreadyTheDefault) {
     EXPECT_FALSE(model->restoreDeviceUID()) << "M already was the default";
     EXPECT_EQ(*defaults.get("resumeEnabled"), PropertyList::boolean(true));
     EXPECT_EQ(model->engine().outputBufferRanges().size(), 2u);
+    EXPECT_TRUE(model->outputMeter().isRunning()) << "the level meter runs while on";
     expectConsistent();
     model->setEnabled(false);
+    EXPECT_FALSE(model->outputMeter().isRunning());
     EXPECT_EQ(defaultOutputUID(), "M") << "nothing to restore";
     EXPECT_EQ(*defaults.get("resumeEnabled"), PropertyList::boolean(false));
     expectNothingLeft();

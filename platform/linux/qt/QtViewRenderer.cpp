@@ -135,6 +135,7 @@ std::string QtViewRenderer::themeIconName(const std::string& symbol) {
         {"exclamationmark.circle.fill", "dialog-error"},
         {"exclamationmark.triangle.fill", "dialog-warning"},
         {"keyboard", "input-keyboard"},
+        {"record.circle.fill", "media-record"},
         {"rectangle.on.rectangle", "preferences-desktop-display"},
         {"arrow.down.circle", "system-software-update"},
         {"person.crop.circle.badge.clock", "preferences-system-login"},
@@ -158,7 +159,10 @@ std::string QtViewRenderer::themeIconName(const std::string& symbol) {
 QIcon QtViewRenderer::icon(const std::string& symbol) {
     const std::string name = themeIconName(symbol);
     if (name.empty()) return fallbackIcon();
-    return QIcon::fromTheme(qt(name), fallbackIcon());
+    // Many themes carry some of these names only in their symbolic style.
+    QIcon themed = QIcon::fromTheme(qt(name));
+    if (themed.isNull()) themed = QIcon::fromTheme(qt(name + "-symbolic"));
+    return themed.isNull() ? fallbackIcon() : themed;
 }
 
 QtViewRenderer::QtViewRenderer(QWidget* host, ActionHandler handler)
@@ -655,17 +659,33 @@ void QtViewRenderer::updateChildren(Entry& entry, const ui::Node& node) {
         QLayoutItem* item = entry.layout->takeAt(first);
         delete item;
     }
-    for (QWidget* child : widgets) {
-        if (child->parentWidget() != entry.widget) child->setParent(entry.widget);
-        if (node.kind == ui::NodeKind::row &&
-            child->sizePolicy().horizontalPolicy() == QSizePolicy::Expanding &&
-            qobject_cast<QLabel*>(child) == nullptr) {
-            entry.layout->addWidget(child, 1);
-        } else {
-            entry.layout->addWidget(child);
+    // In a row, controls that hold a value take the room; without one, a trailing stretch
+    // keeps the controls together at the leading edge.
+    const auto expands = [](const ui::Node& child) {
+        switch (child.kind) {
+        case ui::NodeKind::slider:
+        case ui::NodeKind::picker:
+        case ui::NodeKind::textField:
+        case ui::NodeKind::levelMeter:
+        case ui::NodeKind::spacer:
+        case ui::NodeKind::stack:
+            return true;
+        case ui::NodeKind::text:
+            return child.textRole != ui::TextRole::title;
+        default:
+            return false;
         }
+    };
+    bool hasExpanding = false;
+    for (std::size_t i = 0; i < widgets.size(); ++i) {
+        QWidget* child = widgets[i];
+        if (child->parentWidget() != entry.widget) child->setParent(entry.widget);
+        const bool isExpanding = node.kind == ui::NodeKind::row && expands(node.children[i]);
+        hasExpanding |= isExpanding;
+        entry.layout->addWidget(child, isExpanding ? 1 : 0);
         child->show();
     }
+    if (node.kind == ui::NodeKind::row && !hasExpanding) entry.layout->addStretch();
     entry.childKeys = std::move(keys);
     ++changes_;
 }
