@@ -1,15 +1,20 @@
 #!/usr/bin/env bash
 # Brightmix on Linux in one command, on a fresh Debian 12 machine: installs what it needs
-# (scripts/install-deps.sh), builds the command-line router, and runs it.
+# (scripts/install-deps.sh), builds the desktop application and the command-line program,
+# and runs Brightmix.
 #
-#   scripts/run.sh                  route the multi-output device until Ctrl-C
-#   scripts/run.sh list             list the output devices
+#   scripts/run.sh                  the desktop application (tray icon and panel); on a
+#                                   machine without a desktop: a demonstration (below)
+#   scripts/run.sh list             list the output devices (command-line program)
 #   scripts/run.sh route --volume 0.5 --output subwoofer=subwoofer ...   (see --help)
 #
-# If no PipeWire session is reachable (a headless machine, a root shell), it starts the
-# project's private session under build/run/pipewire-session for a demonstration, says so,
-# plays a test tone into its multi-output device, and stops it all again at the end. The
-# private session's speakers are virtual: nothing is audible, but every step really runs.
+# Without a reachable PipeWire session (a headless machine, a root shell) it starts the
+# project's private session under build/run/pipewire-session, says so, plays a test tone
+# into its multi-output device, and stops it all again at the end. Without a display, the
+# desktop application runs under a virtual X server in its demonstration mode: it switches
+# on, routes the tone at half volume, records three seconds, saves screenshots of its panel
+# and windows, and says where everything is. The private session's speakers are virtual:
+# nothing is audible, but every step really runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +23,7 @@ cd "$(dirname "$0")/.."
 build=build/run
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIGHTMIX_TESTS=OFF \
     -DBRIGHTMIX_BENCHMARKS=OFF >/dev/null
-cmake --build "$build" --target brightmix brightmix-watchdog
+cmake --build "$build" --target brightmix brightmix-watchdog brightmix-app
 
 session=""
 player=""
@@ -53,7 +58,20 @@ if ! pw-cli info 0 >/dev/null 2>&1; then
     fi
 fi
 
-if [ $# -eq 0 ]; then
-    set -- route
+if [ $# -gt 0 ]; then
+    "$build/app/linux/brightmix" "$@"
+    exit
 fi
-"$build/app/linux/brightmix" "$@"
+
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ -z "$session" ]; then
+    exec "$build/app/linux/brightmix-app"
+fi
+
+demo=$PWD/$build/demo
+rm -rf "$demo"
+echo "run.sh: no desktop here, so Brightmix runs under a virtual X server in its"
+echo "        demonstration mode; what it makes goes to $demo."
+xvfb-run -a -s "-screen 0 1280x1024x24" "$build/app/linux/brightmix-app" --demo "$demo" \
+    --seconds 3
+echo "run.sh: done. The panel: $demo/panel.png; the recording and the other screenshots are"
+echo "        beside it."

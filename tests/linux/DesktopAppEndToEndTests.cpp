@@ -3,13 +3,12 @@
 // speakers get the tone at the panel's half volume), records the clean mix into a valid
 // file, saves screenshots of the panel and the windows, writes its settings, and when it
 // quits the multi-output device plays directly again.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 
 #include "platform/linux/audiofile/AudioFileReader.h"
@@ -48,7 +47,8 @@ TEST(DesktopApp, TheDemonstrationRoutesRecordsAndShowsItsWindows) {
     testing::writeToneFile(tone, 1000, 0.5, 30);
     testing::TonePlayer player(tone, "multi_output");
     bool isPlaying = false;
-    for (int i = 0; i < 40 && !isPlaying; ++i) isPlaying = testing::peakDb(desk.listen(0, 0.05)) > -40;
+    for (int i = 0; i < 40 && !isPlaying; ++i)
+        isPlaying = testing::peakDb(desk.listen(0, 0.05)) > -40;
     ASSERT_TRUE(isPlaying) << "the tone never reached the speakers";
 
     const std::filesystem::path folder = testing::scratchDirectory() + "/desktop-demo";
@@ -68,7 +68,8 @@ TEST(DesktopApp, TheDemonstrationRoutesRecordsAndShowsItsWindows) {
         }
     }
     ASSERT_EQ(::pclose(app), 0) << output;
-    EXPECT_NEAR(routedDb, kToneDb + kHalfVolumeDb, 0.5) << "the panel's volume reached the speakers";
+    EXPECT_NEAR(routedDb, kToneDb + kHalfVolumeDb, 0.5)
+        << "the panel's volume reached the speakers";
 
     std::filesystem::path recording;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -104,7 +105,8 @@ TEST(DesktopApp, RefusesUnknownArguments) {
     ASSERT_NE(app, nullptr);
     std::string output;
     char line[256];
-    while (std::fgets(line, sizeof line, app) != nullptr) output += line;
+    while (std::fgets(line, sizeof line, app) != nullptr)
+        output += line;
     const int status = ::pclose(app);
     EXPECT_EQ(WEXITSTATUS(status), 2);
     EXPECT_NE(output.find("usage: brightmix-app"), std::string::npos) << output;
