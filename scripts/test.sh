@@ -56,8 +56,10 @@ export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ./build/tsan/tests/brightmix_tests_switching --gtest_brief=1
 ./build/tsan/tests/brightmix_tests_model --gtest_brief=1
 ./build/tsan/tests/brightmix_tests_platform --gtest_brief=1 --gtest_filter='*Thread*'
-# The PipeWire backend's thread loop and real-time thread, end to end against a session.
+# The PipeWire backend's thread loop and real-time thread, end to end against a session,
+# and the desktop application (Qt's uninstrumented internals suppressed).
 cmake --build --preset tsan -j "$jobs" --target brightmix_linux_tests brightmix brightmix-watchdog
+export TSAN_OPTIONS="$TSAN_OPTIONS suppressions=$PWD/scripts/tsan-qt.supp"
 ctest --preset tsan -R linux_end_to_end
 unset TSAN_OPTIONS
 done_stage
