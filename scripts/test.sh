@@ -42,6 +42,7 @@ stage "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake --preset asan >/dev/null
 cmake --build --preset asan -j "$jobs" --target brightmix_tests
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp \
     ./build/asan/tests/brightmix_tests --gtest_brief=1
 done_stage
 

@@ -8,7 +8,7 @@
 // start shows the first one's panel and leaves.
 //
 //     brightmix-app                      the desktop application
-//     brightmix-app --demo DIR [--seconds N]
+//     brightmix-app --demo DIR [--seconds N] [--no-recording]
 //         a demonstration that needs no user: switches on on the first multi-output device,
 //         records N seconds (default 3) into DIR, writes screenshots of the panel and the
 //         windows into DIR, prints what it wrote and quits. Settings go to DIR too.
@@ -240,6 +240,7 @@ private:
 struct Arguments {
     std::optional<std::string> demoFolder;
     double seconds = 3;
+    bool isRecording = true;
 };
 
 std::optional<Arguments> parse(const QStringList& list) {
@@ -247,6 +248,8 @@ std::optional<Arguments> parse(const QStringList& list) {
     for (qsizetype i = 1; i < list.size(); ++i) {
         if (list[i] == "--demo" && i + 1 < list.size()) {
             arguments.demoFolder = list[++i].toStdString();
+        } else if (list[i] == "--no-recording") {
+            arguments.isRecording = false;
         } else if (list[i] == "--seconds" && i + 1 < list.size()) {
             bool isNumber = false;
             arguments.seconds = list[++i].toDouble(&isNumber);
@@ -287,7 +290,8 @@ int main(int argc, char** argv) {
 
     const std::optional<Arguments> arguments = parse(QCoreApplication::arguments());
     if (!arguments) {
-        std::fprintf(stderr, "usage: brightmix-app [--demo FOLDER [--seconds N]]\n");
+        std::fprintf(stderr,
+                     "usage: brightmix-app [--demo FOLDER [--seconds N] [--no-recording]]\n");
         return 2;
     }
     const bool isDemo = arguments->demoFolder.has_value();
@@ -422,8 +426,12 @@ int main(int argc, char** argv) {
             std::printf("Switched on: routing %s through the software volume engine.\n",
                         multi->c_str());
             model.setVolume(0.5);
-            model.toggleRecording();
-            std::printf("Recording %.0f s…\n", arguments->seconds);
+            if (arguments->isRecording) {
+                model.toggleRecording();
+                std::printf("Recording %.0f s…\n", arguments->seconds);
+            } else {
+                std::printf("Routing %.0f s…\n", arguments->seconds);
+            }
             std::fflush(stdout);
             QTimer::singleShot(int(arguments->seconds * 1000), [&] {
                 model.tick();
@@ -433,7 +441,9 @@ int main(int argc, char** argv) {
                 shell.app().openWindow(BrightmixApp::kDeviceLabelsWindow);
                 save(shell.window(BrightmixApp::kAppOutputsWindow), folder / "app-outputs.png");
                 save(shell.window(BrightmixApp::kDeviceLabelsWindow), folder / "device-labels.png");
-                if (state.lastRecordingURL) {
+                if (!arguments->isRecording) {
+                    // Nothing was asked to be recorded.
+                } else if (state.lastRecordingURL) {
                     std::printf("Recording: %s (%s)\n", state.lastRecordingURL->c_str(),
                                 state.recordingMessage.value_or("").c_str());
                 } else {

@@ -30,9 +30,10 @@ QApplication& application() {
     static int argc = 1;
     static char name[] = "brightmix-tests";
     static char* argv[] = {name, nullptr};
-    static std::unique_ptr<QApplication> app = [] {
+    // Never destroyed: Qt's own statics may be gone by the time static destructors run.
+    static QApplication* app = [] {
         setenv("QT_QPA_PLATFORM", "offscreen", 0);
-        return std::make_unique<QApplication>(argc, argv);
+        return new QApplication(argc, argv);
     }();
     return *app;
 }
