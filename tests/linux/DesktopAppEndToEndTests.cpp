@@ -6,10 +6,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <string>
+#include <sys/wait.h>
+#include <thread>
 
 #include "platform/linux/audiofile/AudioFileReader.h"
 #include "platform/linux/settings/PropertyListFileDefaults.h"
@@ -96,6 +101,50 @@ TEST(DesktopApp, TheDemonstrationRoutesRecordsAndShowsItsWindows) {
     EXPECT_EQ(hardware->sinkMute("multi_output"), std::optional<bool>(false));
     EXPECT_NEAR(testing::toneDb(desk.listen(0, 0.3), 1000), kToneDb, 0.5)
         << "direct playback is back after the app switched off";
+}
+
+TEST(DesktopApp, KillingTheAppWhileItRoutesUnmutesTheSinkWithinASecond) {
+    using namespace std::chrono_literals;
+    auto hardware = testing::connectToSession();
+    if (!hardware) GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
+    const std::filesystem::path folder = testing::scratchDirectory() + "/desktop-kill";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    const std::string log = (folder / "output.txt").string();
+    setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    std::string executable = BRIGHTMIX_APP_EXECUTABLE;
+    std::string demo = "--demo", where = folder.string(), seconds = "--seconds", thirty = "30",
+                noRecording = "--no-recording";
+    char* arguments[] = {executable.data(), demo.data(),        where.data(), seconds.data(),
+                         thirty.data(),     noRecording.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t app = 0;
+    ASSERT_EQ(posix_spawn(&app, executable.c_str(), &actions, nullptr, arguments, environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+
+    bool isRouting = false;
+    for (int i = 0; i < 200 && !isRouting; ++i) {
+        std::this_thread::sleep_for(25ms);
+        hardware->synchronize();
+        isRouting = hardware->sinkMute("multi_output") == std::optional<bool>(true);
+    }
+    if (!isRouting) {
+        ::kill(app, SIGKILL);
+        ::waitpid(app, nullptr, 0);
+        FAIL() << "the app never started routing";
+    }
+    ASSERT_EQ(::kill(app, SIGKILL), 0);
+    const auto killedAt = std::chrono::steady_clock::now();
+    ::waitpid(app, nullptr, 0);
+    bool isRestored = false;
+    while (!isRestored && std::chrono::steady_clock::now() - killedAt < 1s) {
+        std::this_thread::sleep_for(10ms);
+        hardware->synchronize();
+        isRestored = hardware->sinkMute("multi_output") == std::optional<bool>(false);
+    }
+    EXPECT_TRUE(isRestored) << "the watchdog did not unmute the multi-output sink in time";
 }
 
 TEST(DesktopApp, RefusesUnknownArguments) {
