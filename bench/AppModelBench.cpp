@@ -9,33 +9,13 @@
 
 #include "Brightmix/AppModel.h"
 #include "bench/SimulatedSystem.h"
+#include "bench/UnusedFileWriter.h"
 #include "platform/sim/InMemoryDefaults.h"
-#include "platform/sim/ScriptedSystem.h"
-#include "platform/sim/ScriptedWorkspace.h"
 #include "platform/sim/VirtualMainLoop.h"
+#include "tests/support/ScriptedServices.h"
 
 namespace brightmix {
 namespace {
-
-// Nothing is recorded in these runs; a writer that is never asked for a file.
-class UnusedFileWriter final : public AudioFileWriter {
-public:
-    OSStatus completeFormat(AudioStreamBasicDescription*) override {
-        return kAudioHardwareUnspecifiedError;
-    }
-    OSStatus create(const std::string&, AudioFileTypeID, const AudioStreamBasicDescription&, UInt32,
-                    AudioFileHandle**) override {
-        return kAudioHardwareUnspecifiedError;
-    }
-    OSStatus setClientFormat(AudioFileHandle*, const AudioStreamBasicDescription&) override {
-        return kAudioHardwareUnspecifiedError;
-    }
-    OSStatus writeAsync(AudioFileHandle*, UInt32, const AudioBufferList*) override {
-        return kAudioHardwareUnspecifiedError;
-    }
-    RecordingFile* recordingFile(AudioFileHandle*) override { return nullptr; }
-    OSStatus dispose(AudioFileHandle*) override { return kAudioHardwareUnspecifiedError; }
-};
 
 struct Desk {
     Desk() {
@@ -46,21 +26,15 @@ struct Desk {
                              "multi-" + std::to_string(i % 4), "Group"});
         }
         defaults.set("automaticallySwitchApps", PropertyList::boolean(true));
-        permissions.canListen = true;
-        model = std::make_unique<AppModel>(AppServices{sim, loop, defaults, writer, workspace, tap,
-                                                       permissions, loginItem, folders, hud, hud});
+        system.permissions.canListen = true;
+        model = std::make_unique<AppModel>(system.services(sim, loop, defaults, writer));
         model->setAppOutputRules(rules);
     }
     bench::Sim sim;
     VirtualMainLoop loop;
     InMemoryDefaults defaults;
-    UnusedFileWriter writer;
-    ScriptedWorkspace workspace;
-    ScriptedEventTap tap;
-    ScriptedPermissions permissions;
-    ScriptedLoginItem loginItem;
-    ScriptedFolderAccess folders;
-    RecordedHudPanel hud;
+    bench::UnusedFileWriter writer;
+    testing::ScriptedServices system;
     std::vector<AppOutputRule> rules;
     std::unique_ptr<AppModel> model;
 };

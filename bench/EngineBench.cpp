@@ -10,32 +10,14 @@
 
 #include "Brightmix/AudioDeviceService.h"
 #include "Brightmix/SoftwareVolumeEngine.h"
+#include "bench/UnusedFileWriter.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 #include "realtime/RecordingTap.h"
 
 namespace brightmix {
 namespace {
 
-// The engine needs a file writer; these benchmarks record into memory instead, so none of
-// its calls is used.
-class UnusedWriter final : public AudioFileWriter {
-public:
-    OSStatus completeFormat(AudioStreamBasicDescription*) override {
-        return kAudio_UnimplementedError;
-    }
-    OSStatus create(const std::string&, AudioFileTypeID, const AudioStreamBasicDescription&, UInt32,
-                    AudioFileHandle**) override {
-        return kAudio_UnimplementedError;
-    }
-    OSStatus setClientFormat(AudioFileHandle*, const AudioStreamBasicDescription&) override {
-        return kAudio_UnimplementedError;
-    }
-    OSStatus writeAsync(AudioFileHandle*, UInt32, const AudioBufferList*) override {
-        return kAudio_UnimplementedError;
-    }
-    RecordingFile* recordingFile(AudioFileHandle*) override { return nullptr; }
-    OSStatus dispose(AudioFileHandle*) override { return kAudio_UnimplementedError; }
-};
+using UnusedWriter = bench::UnusedFileWriter;
 
 // A recording file that copies each chunk into a preallocated buffer, as a ring push does,
 // and starts over when full, so the tap never sees an error and keeps doing its work.

@@ -14,10 +14,9 @@
 #include "Brightmix/AppModel.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "platform/sim/InMemoryDefaults.h"
-#include "platform/sim/ScriptedSystem.h"
-#include "platform/sim/ScriptedWorkspace.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 #include "platform/sim/VirtualMainLoop.h"
+#include "tests/support/ScriptedServices.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace brightmix::testing {
@@ -25,7 +24,7 @@ namespace brightmix::testing {
 inline const std::string kDisplayUID = "6F3A2C10-1B2C-4D5E-8F90-A1B2C3D4E5F6";
 inline const std::string kDisplayUIDAgain = "6F3A2C10-1B2C-4D5E-8F90-A1B2C3D4E5F6_0000002A";
 
-class AppModelFixture : public ::testing::Test {
+class AppModelFixture : public ::testing::Test, protected ScriptedServices {
 protected:
     AppModelFixture() {
         speakersID = sim.addDevice({"S", "MacBook Speakers", {2}});
@@ -45,8 +44,7 @@ protected:
     ~AppModelFixture() override { model.reset(); }
 
     void launch() {
-        model = std::make_unique<AppModel>(AppServices{sim, loop, defaults, writer, workspace, tap,
-                                                       permissions, loginItem, folders, hud, hud});
+        model = std::make_unique<AppModel>(services(sim, loop, defaults, writer));
         model->setChangeObserver([this] { ++changes; });
         workspace.setTerminationHandler([this] {
             if (model) model->applicationWillTerminate();
@@ -94,12 +92,6 @@ protected:
     VirtualMainLoop loop;
     InMemoryDefaults defaults;
     LinuxAudioFileWriter writer;
-    ScriptedWorkspace workspace;
-    ScriptedEventTap tap;
-    ScriptedPermissions permissions;
-    ScriptedLoginItem loginItem;
-    ScriptedFolderAccess folders;
-    RecordedHudPanel hud;
     TemporaryFolder recordings;
     AudioObjectID speakersID = 0;
     AudioObjectID multiID = 0;

@@ -26,8 +26,7 @@ TEST_F(AppModelFixture, ResumeWithTheSavedOutputAndNoOutputAtAllSaysSo) {
     empty.addDevice({"I", "Mic", {}, {1}});
     defaults.set("resumeEnabled", PropertyList::boolean(true));
     defaults.set("selectedDeviceUID", PropertyList("M"));
-    model = std::make_unique<AppModel>(AppServices{empty, loop, defaults, writer, workspace, tap,
-                                                   permissions, loginItem, folders, hud, hud});
+    model = std::make_unique<AppModel>(services(empty, loop, defaults, writer));
     loop.runPending();
     EXPECT_FALSE(model->state().isEnabled);
     EXPECT_EQ(model->state().errorMessage, "No audio output is available.");
@@ -271,8 +270,7 @@ TEST_F(AppModelFixture, PerOutputSettingsAreScopedToTheSelectedOutputAndWritten)
 TEST_F(AppModelFixture, WithoutASelectedOutputRoleAndEqualizerChangeAndWriteNothing) {
     SimulatedAudioHardware bare;
     bare.addDevice({"I", "Mic", {}, {1}});
-    model = std::make_unique<AppModel>(AppServices{bare, loop, defaults, writer, workspace, tap,
-                                                   permissions, loginItem, folders, hud, hud});
+    model = std::make_unique<AppModel>(services(bare, loop, defaults, writer));
     ASSERT_FALSE(model->state().selectedDeviceUID);
     const std::size_t writes = defaults.writeCount();
     model->setPreset(OutputPreset::subwoofer, "B");

@@ -6,10 +6,9 @@
 #include "Brightmix/AppModel.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "platform/linux/settings/PropertyListFileDefaults.h"
-#include "platform/sim/ScriptedSystem.h"
-#include "platform/sim/ScriptedWorkspace.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 #include "platform/sim/VirtualMainLoop.h"
+#include "tests/support/ScriptedServices.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace brightmix {
@@ -23,19 +22,13 @@ protected:
         sim.setDefaultOutput(sim.addMultiOutputDevice("M", "Desk", {"A", "B"}, "A"));
     }
     std::unique_ptr<AppModel> launch(Defaults& defaults) {
-        return std::make_unique<AppModel>(AppServices{sim, loop, defaults, writer, workspace, tap,
-                                                      permissions, loginItem, folders, hud, hud});
+        return std::make_unique<AppModel>(system.services(sim, loop, defaults, writer));
     }
     testing::TemporaryFolder folder;
     SimulatedAudioHardware sim;
     VirtualMainLoop loop;
     LinuxAudioFileWriter writer;
-    ScriptedWorkspace workspace;
-    ScriptedEventTap tap;
-    ScriptedPermissions permissions;
-    ScriptedLoginItem loginItem;
-    ScriptedFolderAccess folders;
-    RecordedHudPanel hud;
+    testing::ScriptedServices system;
 };
 
 TEST_F(ModelOnFile, ChangesAreInTheFileAtOnceAndComeBackAfterARestart) {

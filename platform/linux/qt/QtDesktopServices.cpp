@@ -44,6 +44,22 @@ int virtualBottom() {
     return all.y() + all.height();
 }
 
+// Shows a chooser in front; the completion gets the first chosen path, or none on cancel.
+void openChooser(QFileDialog* dialog, FolderAccess::Completion completion) {
+    QObject::connect(dialog, &QFileDialog::finished, dialog,
+                     [dialog, completion = std::move(completion)](int result) {
+                         const QStringList chosen = dialog->selectedFiles();
+                         if (result == QDialog::Accepted && !chosen.isEmpty()) {
+                             completion(chosen.front().toStdString());
+                         } else {
+                             completion(std::nullopt);
+                         }
+                     });
+    dialog->open();
+    dialog->raise();
+    dialog->activateWindow();
+}
+
 ScreenRect flipped(const QRect& rect) {
     return {double(rect.x()), double(virtualBottom() - (rect.y() + rect.height())),
             double(rect.width()), double(rect.height())};
@@ -170,18 +186,7 @@ void QtFolderAccess::chooseFolder(const FolderChoice& choice, Completion complet
         message->setWordWrap(true);
         grid->addWidget(message, grid->rowCount(), 0, 1, -1);
     }
-    QObject::connect(dialog, &QFileDialog::finished, dialog,
-                     [dialog, completion = std::move(completion)](int result) {
-                         const QStringList chosen = dialog->selectedFiles();
-                         if (result == QDialog::Accepted && !chosen.isEmpty()) {
-                             completion(chosen.front().toStdString());
-                         } else {
-                             completion(std::nullopt);
-                         }
-                     });
-    dialog->open();
-    dialog->raise();
-    dialog->activateWindow();
+    openChooser(dialog, std::move(completion));
 }
 
 std::optional<PropertyList::Data> QtFolderAccess::createBookmark(const std::string& folder) {
@@ -210,16 +215,7 @@ void QtFolderAccess::chooseApplication(const std::string& message, const std::st
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::ExistingFile);
     dialog->setOption(QFileDialog::DontUseNativeDialog, true);
-    QObject::connect(dialog, &QFileDialog::finished, dialog,
-                     [dialog, completion = std::move(completion)](int result) {
-                         const QStringList chosen = dialog->selectedFiles();
-                         if (result == QDialog::Accepted && !chosen.isEmpty()) {
-                             completion(chosen.front().toStdString());
-                         } else {
-                             completion(std::nullopt);
-                         }
-                     });
-    dialog->open();
+    openChooser(dialog, std::move(completion));
 }
 
 // ---- Indicator --------------------------------------------------------------------------------
