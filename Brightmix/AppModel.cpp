@@ -133,6 +133,7 @@ AppModel::AppModel(AppServices services)
 
 AppModel::~AppModel() {
     services_.loop.cancel(refreshTimer_);
+    services_.loop.cancel(systemVolumeTimer_);
     playingApps_.stop();
     outputMeter_->stop();
     if (playbackMonitor_) playbackMonitor_->stop();
@@ -481,6 +482,7 @@ void AppModel::storeVolume(double volume) {
     state_.volume = clampedUnit(volume);
     settingsWrite::volume(defaults_, state_.volume);
     if (state_.volume > 0) lastAudibleVolume_ = state_.volume;
+    if (systemVolumeTimer_ != 0) writeSystemVolume();
 }
 
 void AppModel::setVolume(double volume) {
@@ -616,9 +618,95 @@ void AppModel::applyMediaKeySettings(bool restart) {
     mediaKeys_.update();
     mediaKeys_.shouldSuppressSystemHUD = state_.replaceSystemHUD;
     mediaKeys_.update();
-    state_.isMonitoringMediaKeys = mediaKeys_.hasTap();
+    state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
     state_.isReplacingSystemHUD = mediaKeys_.isSuppressingSystemHUD();
     if (wasSuppressing && !mediaKeys_.isSuppressingSystemHUD()) volumeHUD_.hide();
+    followSystemVolume();
+    state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
+}
+
+void AppModel::followSystemVolume() {
+    const bool shouldFollow = services_.followsSystemVolume && areMediaKeysHandled();
+    if (!shouldFollow) {
+        services_.loop.cancel(systemVolumeTimer_);
+        systemVolumeTimer_ = 0;
+        systemVolume_.reset();
+        pendingSystemVolume_.reset();
+        return;
+    }
+    if (systemVolumeTimer_ != 0) return;
+    // The desktop's level is the level: adopt it, so switching on (and later off) changes
+    // nothing the user hears or sees; an output whose volume cannot be read gets ours.
+    if (const std::optional<double> current = readSystemVolume()) {
+        systemVolume_ = *current;
+        if (std::fabs(*current - state_.volume) > 1e-6 || state_.isMuted) {
+            state_.isMuted = false;
+            state_.volume = *current;
+            settingsWrite::volume(defaults_, state_.volume);
+            if (state_.volume > 0) lastAudibleVolume_ = state_.volume;
+            pushVolume();
+        }
+    } else {
+        writeSystemVolume();
+    }
+    std::weak_ptr<AppModel*> weak = self_;
+    systemVolumeTimer_ = services_.loop.scheduleRepeating(kSystemVolumeInterval, [weak] {
+        if (const auto self = weak.lock()) (*self)->pollSystemVolume();
+    });
+}
+
+std::optional<double> AppModel::readSystemVolume() const {
+    const std::optional<AudioDevice> selected = selectedDevice();
+    if (!selected) return std::nullopt;
+    Float32 scalar = 0;
+    UInt32 size = sizeof(scalar);
+    const AudioObjectPropertyAddress address{kAudioDevicePropertyVolumeScalar,
+                                             kAudioObjectPropertyScopeOutput,
+                                             kAudioObjectPropertyElementMain};
+    if (services_.hardware.getPropertyData(selected->id, address, 0, nullptr, &size, &scalar) !=
+            kAudioHardwareNoError ||
+        size != sizeof(scalar) || !std::isfinite(scalar)) {
+        return std::nullopt;
+    }
+    return clampedUnit(scalar);
+}
+
+void AppModel::writeSystemVolume() {
+    const std::optional<AudioDevice> selected = selectedDevice();
+    if (!selected) return;
+    const auto scalar = static_cast<Float32>(clampedUnit(state_.volume));
+    const AudioObjectPropertyAddress address{kAudioDevicePropertyVolumeScalar,
+                                             kAudioObjectPropertyScopeOutput,
+                                             kAudioObjectPropertyElementMain};
+    if (services_.hardware.setPropertyData(selected->id, address, 0, nullptr, sizeof(scalar),
+                                           &scalar) != kAudioHardwareNoError) {
+        return; // the channel is best effort: the panel's slider still works
+    }
+    systemVolume_ = scalar;
+    pendingSystemVolume_ = std::make_pair(double(scalar), services_.loop.uptime() + 1.0);
+}
+
+void AppModel::pollSystemVolume() {
+    const std::optional<double> read = readSystemVolume();
+    if (!read) return;
+    constexpr double kSame = 0.002; // the cube-root scale of float channel volumes
+    if (pendingSystemVolume_) {
+        if (std::fabs(*read - pendingSystemVolume_->first) < kSame ||
+            services_.loop.uptime() > pendingSystemVolume_->second) {
+            pendingSystemVolume_.reset();
+        } else {
+            return; // our own write has not come back yet
+        }
+    }
+    if (systemVolume_ && std::fabs(*read - *systemVolume_) < kSame) return;
+    systemVolume_ = *read;
+    // The desktop changed the output's volume: that is the new master volume.
+    PublishScope publish(*this);
+    state_.isMuted = false;
+    state_.volume = *read;
+    settingsWrite::volume(defaults_, state_.volume);
+    if (state_.volume > 0) lastAudibleVolume_ = state_.volume;
+    pushVolume();
 }
 
 void AppModel::handleMediaKey(MediaVolumeKey key) {

@@ -66,6 +66,11 @@ struct AppServices {
     FolderAccess& folderAccess;
     HudPanel& hudPanel;
     Screens& screens;
+    // Where the desktop owns the volume keys and changes the default output's own volume
+    // (Linux): while the software volume is on and its output is the default, that volume is
+    // the channel of the keys. Changes to it become the master volume, and the master volume
+    // is written to it, so the desktop's keys, slider and indicator work on Brightmix's level.
+    bool followsSystemVolume = false;
 };
 
 // What the views observe, in declaration order.
@@ -133,6 +138,8 @@ public:
     inline static const std::string kProductName = "Brightmix";
 
     static constexpr double kRefreshInterval = 1.0;
+    // How often the output's own volume is read while it is the keys' channel.
+    static constexpr double kSystemVolumeInterval = 0.1;
     static constexpr std::size_t kDiagnosticsLogLimit = 20;
 
     // Start-up: reads the settings, builds the engine and the services, refreshes devices,
@@ -244,6 +251,7 @@ public:
     double lastAudibleVolume() const { return lastAudibleVolume_; }
     const AppPlaybackMonitor* playbackMonitor() const { return playbackMonitor_.get(); }
     bool isRefreshTimerRunning() const { return refreshTimer_ != 0; }
+    bool isFollowingSystemVolume() const { return systemVolumeTimer_ != 0; }
 
 private:
     class PublishScope;
@@ -266,6 +274,10 @@ private:
 
     bool areMediaKeysHandled() const;
     void applyMediaKeySettings(bool restart = false);
+    void followSystemVolume();
+    void pollSystemVolume();
+    void writeSystemVolume();
+    std::optional<double> readSystemVolume() const;
     void handleMediaKey(MediaVolumeKey key);
     void refreshLoginItemState();
 
@@ -300,6 +312,11 @@ private:
     std::optional<std::string> repairAttemptSignature_;
     std::optional<std::string> restoreDeviceUID_;
     MainLoop::TimerID refreshTimer_ = 0;
+    MainLoop::TimerID systemVolumeTimer_ = 0;
+    // The output's own volume as last seen or written, and a write not yet seen back (its
+    // value and the uptime until which an older reading is not taken for a change).
+    std::optional<double> systemVolume_;
+    std::optional<std::pair<double, double>> pendingSystemVolume_;
     double lastAudibleVolume_ = AppSettings::kDefaultVolume;
     int publishDepth_ = 0;
     // Work queued on the main loop holds this weakly and does nothing once the model is gone.

@@ -204,6 +204,10 @@ std::string BrightmixMenuView::volumeHelp(const AppModelState& state,
         return "Volume keys use " + profile.systemName +
                ". This slider adjusts the processed audio level.";
     }
+    if (!profile.hasKeyPermissions) {
+        // The desktop's keys move its own volume of the output, which carries this level.
+        return "The desktop’s volume keys and indicator move this level.";
+    }
     if (!state.isReplacingSystemHUD) {
         return "Volume keys move this. " + profile.systemName +
                " may still show its own indicator.";

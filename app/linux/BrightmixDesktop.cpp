@@ -36,6 +36,7 @@
 
 #include "Brightmix/AppModel.h"
 #include "Brightmix/BrightmixApp.h"
+#include "app/linux/DesktopMuteKey.h"
 #include "platform/linux/audiofile/LinuxAudioFileWriter.h"
 #include "platform/linux/desktop/XdgLoginItem.h"
 #include "platform/linux/pipewire/PipeWireAudioHardware.h"
@@ -378,8 +379,12 @@ int main(int argc, char** argv) {
     });
     NoUpdater updater;
 
+    // The desktop owns the volume keys: they change the multi-output sink's own volume, which
+    // the router's tap (the sink's monitor, taken before that volume) does not hear, so it is
+    // free to carry Brightmix's level both ways.
     AppModel model(AppServices{*hardware, loop, defaults, writer, workspace, keys, keys, loginItem,
-                               folders, hud, hud});
+                               folders, hud, hud, /*followsSystemVolume=*/true});
+    linuxapp::DesktopMuteKey muteKey(model, *hardware, loop);
     DesktopShell shell(model, updater, PlatformProfile::linuxDesktop(findSoundSetup()), isDemo);
     QObject::connect(&application, &QCoreApplication::aboutToQuit,
                      [&model] { model.applicationWillTerminate(); });

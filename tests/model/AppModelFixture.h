@@ -44,7 +44,9 @@ protected:
     ~AppModelFixture() override { model.reset(); }
 
     void launch() {
-        model = std::make_unique<AppModel>(services(sim, loop, defaults, writer));
+        AppServices all = services(sim, loop, defaults, writer);
+        all.followsSystemVolume = followsSystemVolume;
+        model = std::make_unique<AppModel>(all);
         model->setChangeObserver([this] { ++changes; });
         workspace.setTerminationHandler([this] {
             if (model) model->applicationWillTerminate();
@@ -97,6 +99,7 @@ protected:
     AudioObjectID multiID = 0;
     std::unique_ptr<AppModel> model;
     int changes = 0;
+    bool followsSystemVolume = false;
 };
 
 } // namespace brightmix::testing

@@ -572,3 +572,63 @@ TEST_F(AppModelFixture, ThePanelListsTheAppsPlayingToTheDefaultOutput) {
 
 } // namespace
 } // namespace brightmix::testing
+
+namespace brightmix::testing {
+namespace {
+
+TEST_F(AppModelFixture, WhereTheDesktopOwnsTheKeysTheOutputsOwnVolumeIsTheirChannel) {
+    const AudioObjectID speakers = sim.addDevice(
+        SimulatedAudioHardware::DeviceSpec("V", "Room Speakers", {2}).volumeControl(0));
+    followsSystemVolume = true;
+    launch();
+    model->selectOutput("V", false);
+    model->setVolume(0.6);
+    EXPECT_FALSE(model->isFollowingSystemVolume()) << "only while on";
+    const Float32 desktopLevel = 0.45f;
+    const AudioObjectPropertyAddress volume{kAudioDevicePropertyVolumeScalar,
+                                            kAudioObjectPropertyScopeOutput, 0};
+    ASSERT_EQ(sim.setPropertyData(speakers, volume, 0, nullptr, sizeof desktopLevel, &desktopLevel),
+              0);
+    model->setEnabled(true);
+    ASSERT_TRUE(state().isEnabled);
+    EXPECT_TRUE(model->isFollowingSystemVolume());
+    EXPECT_TRUE(state().isMonitoringMediaKeys);
+    EXPECT_NEAR(state().volume, 0.45, 1e-6) << "switching on adopts the desktop's level";
+    EXPECT_FLOAT_EQ(masterGain(), 0.45f);
+    loop.advance(0.3);
+    EXPECT_NEAR(state().volume, 0.45, 1e-6);
+
+    // The desktop's volume keys move the output's volume.
+    const Float32 lower = 0.3f;
+    ASSERT_EQ(sim.setPropertyData(speakers, volume, 0, nullptr, sizeof lower, &lower), 0);
+    loop.advance(AppModel::kSystemVolumeInterval);
+    EXPECT_NEAR(state().volume, 0.3, 1e-6);
+    EXPECT_FLOAT_EQ(masterGain(), 0.3f);
+    EXPECT_EQ(*defaults.get("volume"), PropertyList::real(double(lower)));
+
+    // The panel's slider goes the other way, and its own write is not taken for a change.
+    model->setVolume(0.8);
+    EXPECT_FLOAT_EQ(sim.volumeScalar(speakers, 0), 0.8f);
+    loop.advance(0.5);
+    EXPECT_EQ(state().volume, 0.8);
+
+    model->setEnabled(false);
+    EXPECT_FALSE(model->isFollowingSystemVolume());
+    ASSERT_EQ(sim.setPropertyData(speakers, volume, 0, nullptr, sizeof lower, &lower), 0);
+    loop.advance(0.5);
+    EXPECT_EQ(state().volume, 0.8) << "off: the output's volume is its own again";
+}
+
+TEST_F(AppModelFixture, WithoutTheOptionTheOutputsVolumeIsLeftAlone) {
+    const AudioObjectID speakers = sim.addDevice(
+        SimulatedAudioHardware::DeviceSpec("V", "Room Speakers", {2}).volumeControl(0));
+    launch();
+    model->selectOutput("V", false);
+    model->setEnabled(true);
+    model->setVolume(0.4);
+    EXPECT_FALSE(model->isFollowingSystemVolume());
+    EXPECT_FLOAT_EQ(sim.volumeScalar(speakers, 0), 1.0f);
+}
+
+} // namespace
+} // namespace brightmix::testing
