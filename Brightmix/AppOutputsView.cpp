@@ -115,7 +115,8 @@ void AppOutputsEditor::remove(const std::string& bundleID) {
     model_.setAppOutputRules(std::move(rules));
 }
 
-ui::Node AppOutputsView::body(const AppModel& model, const AppOutputsEditor& editor) {
+ui::Node AppOutputsView::body(const AppModel& model, const AppOutputsEditor& editor,
+                              const PlatformProfile& profile) {
     const AppModelState& state = model.state();
     std::vector<ui::Node> rules;
     for (const AppOutputRule& rule : state.appOutputRules)
@@ -146,7 +147,8 @@ ui::Node AppOutputsView::body(const AppModel& model, const AppOutputsEditor& edi
                               ui::TextRole::caption),
                      ui::text("privacy",
                               "This changes the system output for other apps too. Playback "
-                              "detection stays on your Mac and does not save audio.",
+                              "detection stays on " +
+                                  profile.computerName + " and does not save audio.",
                               ui::TextRole::caption)}),
     };
     if (rules.empty()) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Brightmix/AppModel.h"
+#include "Brightmix/PlatformProfile.h"
 #include "ui/View.h"
 
 namespace brightmix {
@@ -54,7 +55,8 @@ private:
 };
 
 struct AppOutputsView {
-    static ui::Node body(const AppModel& model, const AppOutputsEditor& editor);
+    static ui::Node body(const AppModel& model, const AppOutputsEditor& editor,
+                         const PlatformProfile& profile = {});
 };
 
 } // namespace brightmix

@@ -133,7 +133,7 @@ std::optional<std::string> AppPlaybackMonitor::appBundleID(std::int32_t pid) con
     }
     // A helper inside an app's bundle belongs to the app that encloses it.
     if (application->bundlePath) {
-        if (const auto bundle = outermostAppBundlePath(*application->bundlePath)) {
+        if (const auto bundle = workspace_.applicationBundlePath(*application->bundlePath)) {
             if (auto identifier = workspace_.bundleIdentifier(*bundle)) {
                 return identifier;
             }

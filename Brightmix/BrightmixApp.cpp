@@ -62,7 +62,7 @@ std::optional<ui::Node> BrightmixApp::window(const std::string& identifier) cons
     if (identifier == kSetupWindow && setup_) {
         return profile_.hasKeyPermissions ? setup_->body() : SetupView::nothingToSetUp();
     }
-    if (identifier == kAppOutputsWindow) return AppOutputsView::body(model_, editor_);
+    if (identifier == kAppOutputsWindow) return AppOutputsView::body(model_, editor_, profile_);
     if (identifier == kDeviceLabelsWindow) return DeviceLabelsView::body(model_);
     return std::nullopt;
 }

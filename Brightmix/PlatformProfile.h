@@ -12,6 +12,7 @@ namespace brightmix {
 
 struct PlatformProfile {
     std::string systemName = "macOS";
+    std::string computerName = "your Mac";
     bool hasKeyPermissions = true;
     std::string fileManagerName = "Finder";
     std::string soundSetupTitle = "Open Audio MIDI Setup";
@@ -24,6 +25,7 @@ struct PlatformProfile {
     static PlatformProfile linuxDesktop(std::string soundSetupPath) {
         PlatformProfile profile;
         profile.systemName = "the desktop";
+        profile.computerName = "this computer";
         profile.hasKeyPermissions = false;
         profile.fileManagerName = "Files";
         profile.soundSetupTitle = "Open Sound Settings";

@@ -74,7 +74,9 @@ void PlayingAppsMonitor::refresh() {
 
 std::vector<PlayingApp>
 PlayingAppsMonitor::playingNow(const std::vector<std::int32_t>& pids) const {
-    const std::string ownBundle = standardizedPath(workspace_.ownBundlePath());
+    const std::string ownPath = workspace_.ownBundlePath();
+    const std::string ownBundle =
+        workspace_.applicationBundlePath(ownPath).value_or(standardizedPath(ownPath));
     std::vector<PlayingApp> found;
     std::set<std::string, std::less<>> seen;
     for (const std::int32_t pid : pids) {
@@ -82,7 +84,7 @@ PlayingAppsMonitor::playingNow(const std::vector<std::int32_t>& pids) const {
         if (!application || !application->bundlePath) {
             continue;
         }
-        auto bundle = outermostAppBundlePath(*application->bundlePath);
+        auto bundle = workspace_.applicationBundlePath(*application->bundlePath);
         if (!bundle || *bundle == ownBundle || !seen.insert(*bundle).second) {
             continue;
         }

@@ -28,6 +28,9 @@ struct WorkspaceIcon {
     }
 };
 
+// Defined below.
+inline std::optional<std::string> outermostAppBundlePath(std::string_view path);
+
 class Workspace {
 public:
     // What the system knows about a running application.
@@ -54,6 +57,14 @@ public:
 
     // The icon the workspace shows for `path`.
     virtual WorkspaceIcon icon(std::string_view path) const = 0;
+
+    // The application a running program at `processPath` belongs to, as the path that
+    // identifies it (its bundle): by default the outermost ".app" bundle around it, so that
+    // helpers count for their app; none when it belongs to no application. Systems without
+    // bundles answer their own notion (Linux: the program's desktop entry, else the program).
+    virtual std::optional<std::string> applicationBundlePath(std::string_view processPath) const {
+        return outermostAppBundlePath(processPath);
+    }
 
     // The name an application bundle gives itself (its display name, else its name), or none.
     virtual std::optional<std::string> bundleName(std::string_view bundlePath) const = 0;

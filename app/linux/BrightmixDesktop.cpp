@@ -277,17 +277,7 @@ int main(int argc, char** argv) {
     QApplication::setApplicationName("Brightmix");
     QApplication::setApplicationVersion(BRIGHTMIX_VERSION);
     QApplication::setQuitOnLastWindowClosed(false);
-    // Outside a desktop session Qt knows no icon theme and no place to look for one: look
-    // in the XDG data folders and use a theme the project installs.
-    QStringList iconPaths = QIcon::themeSearchPaths();
-    for (const QString& data :
-         QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation)) {
-        if (!iconPaths.contains(data + "/icons")) iconPaths.append(data + "/icons");
-    }
-    QIcon::setThemeSearchPaths(iconPaths);
-    if (QIcon::themeName().isEmpty() || QIcon::themeName() == "hicolor") {
-        QIcon::setThemeName("breeze");
-    }
+    QtViewRenderer::useInstalledIconTheme();
 
     const std::optional<Arguments> arguments = parse(QCoreApplication::arguments());
     if (!arguments) {

@@ -22,20 +22,13 @@
 #include <vector>
 
 #include "platform/linux/qt/QtViewRenderer.h"
+#include "tests/qt/QtTestApplication.h"
 
 namespace brightmix {
 namespace {
 
 QApplication& application() {
-    static int argc = 1;
-    static char name[] = "brightmix-tests";
-    static char* argv[] = {name, nullptr};
-    // Never destroyed: Qt's own statics may be gone by the time static destructors run.
-    static QApplication* app = [] {
-        setenv("QT_QPA_PLATFORM", "offscreen", 0);
-        return new QApplication(argc, argv);
-    }();
-    return *app;
+    return testing::qtTestApplication();
 }
 
 ui::Node everyKind(double volume, const std::string& fieldText, bool isOn = true) {

@@ -134,6 +134,31 @@ std::optional<std::string> QtWorkspace::bundleName(std::string_view bundlePath) 
     return desktopEntryValue(std::string(bundlePath), "Name");
 }
 
+std::optional<std::string> QtWorkspace::applicationBundlePath(std::string_view processPath) const {
+    if (!entriesByProgram_) {
+        entriesByProgram_.emplace();
+        const QStringList folders =
+            QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
+        for (const QString& folder : folders) {
+            std::error_code error;
+            for (const auto& entry :
+                 std::filesystem::directory_iterator(folder.toStdString(), error)) {
+                const std::string file = entry.path().string();
+                if (!isDesktopEntry(file)) continue;
+                if (const auto program = bundleIdentifier(file)) {
+                    entriesByProgram_->emplace(*program, file); // the first folder wins
+                }
+            }
+        }
+    }
+    const std::string program = lastComponent(processPath);
+    if (const auto found = entriesByProgram_->find(program); found != entriesByProgram_->end()) {
+        return found->second;
+    }
+    if (processPath.empty()) return std::nullopt;
+    return std::string(processPath);
+}
+
 bool QtWorkspace::openURL(std::string_view url) {
     return QDesktopServices::openUrl(QUrl(qt(url)));
 }

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,6 +38,8 @@ public:
     std::string ownBundlePath() const override;
     WorkspaceIcon icon(std::string_view path) const override;
     std::optional<std::string> bundleName(std::string_view bundlePath) const override;
+    // The program's desktop entry (by the name of its binary), else the program itself.
+    std::optional<std::string> applicationBundlePath(std::string_view processPath) const override;
     std::optional<std::string> frontmostApplicationBundleID() const override {
         return std::nullopt;
     }
@@ -49,6 +52,10 @@ public:
     // A desktop entry's key ("Name", "Exec", "Icon") from its main group; none when absent.
     static std::optional<std::string> desktopEntryValue(const std::string& file,
                                                         const std::string& key);
+
+private:
+    // Binary name -> desktop entry, from the XDG data folders, read once.
+    mutable std::optional<std::map<std::string, std::string>> entriesByProgram_;
 };
 
 class QtFolderAccess final : public FolderAccess {

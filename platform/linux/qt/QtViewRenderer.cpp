@@ -17,6 +17,7 @@
 #include <QPushButton>
 #include <QSlider>
 #include <QStandardItemModel>
+#include <QStandardPaths>
 #include <QToolButton>
 #include <algorithm>
 #include <cmath>
@@ -163,6 +164,18 @@ QIcon QtViewRenderer::icon(const std::string& symbol) {
     QIcon themed = QIcon::fromTheme(qt(name));
     if (themed.isNull()) themed = QIcon::fromTheme(qt(name + "-symbolic"));
     return themed.isNull() ? fallbackIcon() : themed;
+}
+
+void QtViewRenderer::useInstalledIconTheme() {
+    QStringList paths = QIcon::themeSearchPaths();
+    for (const QString& data :
+         QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation)) {
+        if (!paths.contains(data + "/icons")) paths.append(data + "/icons");
+    }
+    QIcon::setThemeSearchPaths(paths);
+    if (QIcon::themeName().isEmpty() || QIcon::themeName() == "hicolor") {
+        QIcon::setThemeName("breeze");
+    }
 }
 
 QtViewRenderer::QtViewRenderer(QWidget* host, ActionHandler handler)
@@ -519,8 +532,13 @@ void QtViewRenderer::update(Entry& entry, const ui::Node& node) {
         break;
     }
     case ui::NodeKind::button:
-        if (changed(&ui::Node::title)) {
-            entry.button->setText(qt(node.title));
+        if (changed(&ui::Node::title) || changed(&ui::Node::buttonRole)) {
+            // A plain button with a symbol is drawn as its icon alone; its title is what a
+            // screen reader says and what the tool tip shows.
+            const bool isIconOnly =
+                node.buttonRole == ui::ButtonRole::plain && !node.symbol.empty();
+            entry.button->setText(isIconOnly ? QString() : qt(node.title));
+            if (isIconOnly && node.help.empty()) entry.button->setToolTip(qt(node.title));
             ++changes_;
         }
         if (changed(&ui::Node::symbol)) {

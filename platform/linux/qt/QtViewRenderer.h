@@ -48,6 +48,9 @@ public:
 
     // The icon for a symbol name: the theme's icon, else the fallback.
     static QIcon icon(const std::string& symbol);
+    // Outside a desktop session Qt knows no icon theme and no place to look for one: look in
+    // the XDG data folders and use the Breeze theme that the install script brings.
+    static void useInstalledIconTheme();
     // The freedesktop icon name a symbol maps to (empty: none).
     static std::string themeIconName(const std::string& symbol);
 
