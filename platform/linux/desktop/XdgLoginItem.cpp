@@ -15,7 +15,8 @@ std::string lower(std::string text) {
     return text;
 }
 
-// Quotes an Exec argument as the desktop entry specification asks.
+// Quotes an Exec argument the way desktop entries require (quotes, backquotes, dollars and
+// backslashes escaped).
 std::string execArgument(const std::string& argument) {
     std::string quoted = "\"";
     for (char c : argument) {
