@@ -618,7 +618,6 @@ void AppModel::applyMediaKeySettings(bool restart) {
     mediaKeys_.update();
     mediaKeys_.shouldSuppressSystemHUD = state_.replaceSystemHUD;
     mediaKeys_.update();
-    state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
     state_.isReplacingSystemHUD = mediaKeys_.isSuppressingSystemHUD();
     if (wasSuppressing && !mediaKeys_.isSuppressingSystemHUD()) volumeHUD_.hide();
     followSystemVolume();
@@ -738,7 +737,7 @@ void AppModel::refreshPermissions() {
     const bool canPost = services_.permissions.preflightPostEventAccess();
     state_.hasMediaKeyPermission = canListen || canPost;
     state_.hasMediaKeyControlPermission = canPost;
-    state_.isMonitoringMediaKeys = mediaKeys_.hasTap();
+    state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
     state_.isReplacingSystemHUD = mediaKeys_.isSuppressingSystemHUD();
 }
 

@@ -109,12 +109,11 @@ struct DrawnWindow {
 class DesktopShell {
 public:
     DesktopShell(AppModel& model, Updater& updater, PlatformProfile profile, bool isDemo)
-        : model_(model), isDemo_(isDemo),
-          app_(model, updater,
-               BrightmixApp::Host{[this](const std::string& id) { show(id); },
-                                  [this](const std::string& id) { hide(id); }, [this] { about(); },
-                                  [this] { redraw(); }},
-               std::move(profile)) {
+        : model_(model), app_(model, updater,
+                              BrightmixApp::Host{[this](const std::string& id) { show(id); },
+                                                 [this](const std::string& id) { hide(id); },
+                                                 [this] { about(); }, [this] { redraw(); }},
+                              std::move(profile)) {
         hasTray_ = !isDemo && QSystemTrayIcon::isSystemTrayAvailable();
         panel_.widget = std::make_unique<QWidget>(
             nullptr, hasTray_ ? Qt::Popup | Qt::FramelessWindowHint : Qt::Window);
@@ -228,7 +227,6 @@ private:
     }
 
     AppModel& model_;
-    bool isDemo_;
     BrightmixApp app_;
     bool hasTray_ = false;
     bool isRedrawing_ = false;

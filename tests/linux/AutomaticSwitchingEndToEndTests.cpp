@@ -8,12 +8,7 @@
 #include <gtest/gtest.h>
 #include <thread>
 
-#include "Brightmix/AppModel.h"
-#include "platform/linux/audiofile/LinuxAudioFileWriter.h"
-#include "platform/sim/InMemoryDefaults.h"
-#include "platform/sim/VirtualMainLoop.h"
-#include "tests/linux/PipeWireTestSupport.h"
-#include "tests/support/ScriptedServices.h"
+#include "tests/linux/ModelOnSession.h"
 
 namespace brightmix {
 namespace {
@@ -22,15 +17,12 @@ using namespace std::chrono_literals;
 
 TEST(AutomaticSwitching, APlayerWithARuleTakesTheOutput) {
     using namespace std::string_literals;
-    pipewire::PipeWireAudioHardware::Options options;
-    options.watchdogExecutable = testing::watchdogExecutable();
-    auto hardware = testing::connectToSession(options);
-    if (!hardware) GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
-    VirtualMainLoop loop;
-    InMemoryDefaults defaults;
-    LinuxAudioFileWriter writer;
-    testing::ScriptedServices system;
-    AppModel model(system.services(*hardware, loop, defaults, writer));
+    testing::ModelOnSession session;
+    if (!session.start())
+        GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
+    AppModel& model = *session.model;
+    auto& loop = session.loop;
+    auto& hardware = session.hardware;
     model.selectOutput("multi_output", false);
     model.setEnabled(true);
     ASSERT_TRUE(model.state().isEnabled) << model.state().errorMessage.value_or("");

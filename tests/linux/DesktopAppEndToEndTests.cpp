@@ -29,14 +29,6 @@ namespace {
 constexpr double kToneDb = -6.0206; // the played tone's peak: 0.5
 constexpr double kHalfVolumeDb = -6.0206;
 
-// The app puts its volume on the multi-output sink's own volume (the desktop's channel);
-// the tests after these want the sink at full volume again, whatever happened.
-struct FullSinkVolumeAfterwards {
-    ~FullSinkVolumeAfterwards() {
-        [[maybe_unused]] const int ignored = std::system("pactl set-sink-volume multi_output 100%");
-    }
-};
-
 bool isPng(const std::filesystem::path& file) {
     std::ifstream stream(file, std::ios::binary);
     char signature[8] = {};
@@ -118,7 +110,7 @@ TEST(DesktopApp, KillingTheAppWhileItRoutesUnmutesTheSinkWithinASecond) {
     using namespace std::chrono_literals;
     auto hardware = testing::connectToSession();
     if (!hardware) GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
-    const FullSinkVolumeAfterwards restore;
+    const testing::FullSinkVolumeAfterwards restore;
     const std::filesystem::path folder = testing::scratchDirectory() + "/desktop-kill";
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);

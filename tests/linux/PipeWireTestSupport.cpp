@@ -69,6 +69,10 @@ connectToSession(pipewire::PipeWireAudioHardware::Options options) {
     return hardware;
 }
 
+FullSinkVolumeAfterwards::~FullSinkVolumeAfterwards() {
+    [[maybe_unused]] const int ignored = std::system("pactl set-sink-volume multi_output 100%");
+}
+
 std::string scratchDirectory() {
     auto session = sessionDirectory();
     std::string dir =

@@ -80,6 +80,13 @@ private:
     std::unique_ptr<Stream> stream_;
 };
 
+// Puts the multi_output sink back at full volume when it goes out of scope. Brightmix puts
+// its level on that sink's own volume (the desktop's channel); the tests after one that does
+// want the direct path at full level again, whatever happened.
+struct FullSinkVolumeAfterwards {
+    ~FullSinkVolumeAfterwards();
+};
+
 // Level of a signal as dB full scale (peak and RMS); -200 for silence.
 double peakDb(const std::vector<float>& samples);
 double rmsDb(const std::vector<float>& samples);

@@ -11,12 +11,8 @@
 
 #include "Brightmix/AppModel.h"
 #include "app/linux/DesktopMuteKey.h"
-#include "platform/linux/audiofile/LinuxAudioFileWriter.h"
-#include "platform/sim/InMemoryDefaults.h"
-#include "platform/sim/VirtualMainLoop.h"
 #include "realtime/ProcessingState.h"
-#include "tests/linux/PipeWireTestSupport.h"
-#include "tests/support/ScriptedServices.h"
+#include "tests/linux/ModelOnSession.h"
 
 namespace brightmix {
 namespace {
@@ -26,31 +22,21 @@ using namespace std::chrono_literals;
 constexpr double kToneDb = -6.0206; // the played tone's peak: 0.5
 
 TEST(SystemVolume, TheDesktopsVolumeOfTheSinkMovesBrightmixAndBack) {
-    pipewire::PipeWireAudioHardware::Options options;
-    options.watchdogExecutable = testing::watchdogExecutable();
-    auto hardware = testing::connectToSession(options);
-    if (!hardware) GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
+    testing::ModelOnSession session;
+    if (!session.start(/*followsSystemVolume=*/true)) {
+        GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
+    }
+    AppModel& model = *session.model;
+    auto& loop = session.loop;
+    auto& hardware = session.hardware;
     testing::MonitorCapture desk("desk_speakers", 2);
     const std::string tone = testing::scratchDirectory() + "/system-volume-tone.wav";
     testing::writeToneFile(tone, 1000, 0.5, 30);
     testing::TonePlayer player(tone, "multi_output");
 
-    // Whatever happens, the session's sink goes back to full volume for the tests after this.
-    struct FullSinkVolumeAfterwards {
-        ~FullSinkVolumeAfterwards() {
-            [[maybe_unused]] const int ignored =
-                std::system("pactl set-sink-volume multi_output 100%");
-        }
-    } restore;
+    const testing::FullSinkVolumeAfterwards restore;
     ASSERT_EQ(std::system("pactl set-sink-volume multi_output 70%"), 0);
 
-    VirtualMainLoop loop;
-    InMemoryDefaults defaults;
-    LinuxAudioFileWriter writer;
-    testing::ScriptedServices system;
-    AppServices services = system.services(*hardware, loop, defaults, writer);
-    services.followsSystemVolume = true;
-    AppModel model(services);
     model.selectOutput("multi_output", false);
     model.setVolume(0.6);
     // Wait until the desktop's 70 % is in the backend's view of the graph.
@@ -102,15 +88,12 @@ TEST(SystemVolume, TheDesktopsVolumeOfTheSinkMovesBrightmixAndBack) {
 }
 
 TEST(SystemVolume, TheDesktopsMuteKeyTogglesBrightmixsMuteAndTheSinkStaysMuted) {
-    pipewire::PipeWireAudioHardware::Options options;
-    options.watchdogExecutable = testing::watchdogExecutable();
-    auto hardware = testing::connectToSession(options);
-    if (!hardware) GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
-    VirtualMainLoop loop;
-    InMemoryDefaults defaults;
-    LinuxAudioFileWriter writer;
-    testing::ScriptedServices system;
-    AppModel model(system.services(*hardware, loop, defaults, writer));
+    testing::ModelOnSession session;
+    if (!session.start())
+        GTEST_SKIP() << "no private PipeWire session (the tests run through ctest)";
+    AppModel& model = *session.model;
+    auto& loop = session.loop;
+    auto& hardware = session.hardware;
     linuxapp::DesktopMuteKey muteKey(model, *hardware, loop);
     model.selectOutput("multi_output", false);
     model.setEnabled(true);

@@ -234,8 +234,7 @@ QWidget* QtViewRenderer::reconcile(const ui::Node& node, QWidget* parent) {
     seen_.insert(node.key);
     auto found = entries_.find(node.key);
     if (found != entries_.end() && (found->second->kind != node.kind || !found->second->widget)) {
-        // Same key, another kind: a new widget.
-        seen_.erase(node.key);
+        // Same key, another kind: the old widget goes and a new one is made.
         Entry& old = *found->second;
         if (old.widget) {
             old.widget->hide();
@@ -244,7 +243,6 @@ QWidget* QtViewRenderer::reconcile(const ui::Node& node, QWidget* parent) {
         }
         if (old.box) old.box->deleteLater();
         entries_.erase(found);
-        seen_.insert(node.key);
         found = entries_.end();
     }
     if (found == entries_.end()) {
