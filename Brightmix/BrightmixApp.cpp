@@ -1,7 +1,8 @@
 #include "Brightmix/BrightmixApp.h"
 
-#include <charconv>
 #include <cmath>
+#include <locale>
+#include <sstream>
 
 #include "Brightmix/DeviceLabelsView.h"
 #include "Brightmix/VolumeHUDView.h"
@@ -18,10 +19,13 @@ std::optional<bool> parseFlag(const std::optional<std::string>& value) {
 
 std::optional<double> parseNumber(const std::optional<std::string>& value) {
     if (!value) return std::nullopt;
+    // A stream in the classic locale rather than from_chars: the C++ library of the macOS
+    // SDK has no floating-point from_chars.
+    std::istringstream stream(*value);
+    stream.imbue(std::locale::classic());
     double number = 0;
-    const char* end = value->data() + value->size();
-    const auto result = std::from_chars(value->data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end || !std::isfinite(number))
+    stream >> std::noskipws >> number;
+    if (stream.fail() || stream.peek() != std::char_traits<char>::eof() || !std::isfinite(number))
         return std::nullopt;
     return number;
 }

@@ -109,23 +109,56 @@ inline constexpr UInt32 kAudioDeviceTransportTypeDisplayPort = fourCharCode("dpr
 inline constexpr UInt32 kAudioDeviceTransportTypeAirPlay = fourCharCode("airp");
 inline constexpr UInt32 kAudioDeviceTransportTypeThunderbolt = fourCharCode("thun");
 
-// Aggregate description and composition keys.
+// Aggregate description and composition keys. The system's own AudioHardware.h defines them as
+// macros with the same texts; where it came first, its macros stand.
+#ifndef kAudioAggregateDeviceUIDKey
 inline constexpr const char* kAudioAggregateDeviceUIDKey = "uid";
+#endif
+#ifndef kAudioAggregateDeviceNameKey
 inline constexpr const char* kAudioAggregateDeviceNameKey = "name";
+#endif
+#ifndef kAudioAggregateDeviceSubDeviceListKey
 inline constexpr const char* kAudioAggregateDeviceSubDeviceListKey = "subdevices";
+#endif
+#ifndef kAudioAggregateDeviceMainSubDeviceKey
 inline constexpr const char* kAudioAggregateDeviceMainSubDeviceKey = "master";
+#endif
+#ifndef kAudioAggregateDeviceClockDeviceKey
 inline constexpr const char* kAudioAggregateDeviceClockDeviceKey = "clock";
+#endif
+#ifndef kAudioAggregateDeviceIsPrivateKey
 inline constexpr const char* kAudioAggregateDeviceIsPrivateKey = "private";
+#endif
+#ifndef kAudioAggregateDeviceIsStackedKey
 inline constexpr const char* kAudioAggregateDeviceIsStackedKey = "stacked";
+#endif
+#ifndef kAudioAggregateDeviceTapListKey
 inline constexpr const char* kAudioAggregateDeviceTapListKey = "taps";
+#endif
+#ifndef kAudioAggregateDeviceTapAutoStartKey
 inline constexpr const char* kAudioAggregateDeviceTapAutoStartKey = "tapautostart";
+#endif
+#ifndef kAudioSubDeviceUIDKey
 inline constexpr const char* kAudioSubDeviceUIDKey = "uid";
+#endif
+#ifndef kAudioSubDeviceInputChannelsKey
 inline constexpr const char* kAudioSubDeviceInputChannelsKey = "channels-in";
+#endif
+#ifndef kAudioSubDeviceDriftCompensationKey
 inline constexpr const char* kAudioSubDeviceDriftCompensationKey = "drift";
+#endif
+#ifndef kAudioSubDeviceDriftCompensationQualityKey
 inline constexpr const char* kAudioSubDeviceDriftCompensationQualityKey = "drift quality";
+#endif
+#ifndef kAudioSubTapUIDKey
 inline constexpr const char* kAudioSubTapUIDKey = "uid";
+#endif
+#ifndef kAudioSubTapDriftCompensationKey
 inline constexpr const char* kAudioSubTapDriftCompensationKey = "drift";
+#endif
+#ifndef kAudioSubTapDriftCompensationQualityKey
 inline constexpr const char* kAudioSubTapDriftCompensationQualityKey = "drift quality";
+#endif
 inline constexpr UInt32 kAudioAggregateDriftCompensationHighQuality = 0x60;
 
 // Status codes.

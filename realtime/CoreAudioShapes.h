@@ -12,6 +12,9 @@
 #if defined(__APPLE__)
 
 #include <CoreAudioTypes/CoreAudioTypes.h>
+/* The system declares AudioObjectID with the hardware layer rather than with the value types;
+ * the same typedef again is allowed in C11 and C++. */
+typedef UInt32 AudioObjectID;
 
 #else
 
