@@ -1,0 +1,285 @@
+#include "platform/macos/AppKitSystemServices.h"
+
+#import <AppKit/AppKit.h>
+#import <ServiceManagement/ServiceManagement.h>
+
+#include "platform/macos/RunLoopMainLoop.h"
+
+// Lets the application chooser pick application bundles only (and walk into folders).
+@interface BMApplicationsOnly : NSObject <NSOpenSavePanelDelegate>
+@end
+
+@implementation BMApplicationsOnly
+- (BOOL)panel:(id)sender shouldEnableURL:(NSURL*)url {
+    (void)sender;
+    NSNumber* isPackage = nil;
+    NSNumber* isDirectory = nil;
+    [url getResourceValue:&isPackage forKey:NSURLIsPackageKey error:nil];
+    [url getResourceValue:&isDirectory forKey:NSURLIsDirectoryKey error:nil];
+    if ([url.pathExtension caseInsensitiveCompare:@"app"] == NSOrderedSame) return YES;
+    return isDirectory.boolValue && !isPackage.boolValue;
+}
+@end
+
+namespace brightmix {
+
+namespace {
+
+NSString* ns(std::string_view text) {
+    NSString* result = [[NSString alloc] initWithBytes:text.data()
+                                                length:text.size()
+                                              encoding:NSUTF8StringEncoding];
+    return result ? result : @"";
+}
+
+std::string text(NSString* value) {
+    const char* utf8 = value.UTF8String;
+    return utf8 ? std::string(utf8) : std::string();
+}
+
+std::optional<std::string> optionalText(NSString* value) {
+    if (value.length == 0) return std::nullopt;
+    return text(value);
+}
+
+NSURL* fileURL(std::string_view path) {
+    return [NSURL fileURLWithPath:ns(path)];
+}
+
+// Runs a panel's completion on the main thread with its chosen path, or none.
+void finishChoice(NSOpenPanel* panel, NSModalResponse response,
+                  const FolderAccess::Completion& completion) {
+    std::optional<std::string> chosen;
+    if (response == NSModalResponseOK && panel.URL) chosen = text(panel.URL.path);
+    runCatching("a folder choice", [&] {
+        if (completion) completion(chosen);
+    });
+}
+
+} // namespace
+
+// --- Launch at login -----------------------------------------------------------------------
+
+LoginItem::Status MainAppLoginItem::status() const {
+    switch (SMAppService.mainAppService.status) {
+    case SMAppServiceStatusNotRegistered:
+        return Status::notRegistered;
+    case SMAppServiceStatusEnabled:
+        return Status::enabled;
+    case SMAppServiceStatusRequiresApproval:
+        return Status::requiresApproval;
+    case SMAppServiceStatusNotFound:
+        return Status::notFound;
+    }
+    return Status::notFound;
+}
+
+void MainAppLoginItem::registerItem() {
+    NSError* error = nil;
+    if (![SMAppService.mainAppService registerAndReturnError:&error])
+        throw Error(text(error.localizedDescription));
+}
+
+void MainAppLoginItem::unregisterItem() {
+    NSError* error = nil;
+    if (![SMAppService.mainAppService unregisterAndReturnError:&error])
+        throw Error(text(error.localizedDescription));
+}
+
+void MainAppLoginItem::openSystemSettingsLoginItems() {
+    [SMAppService openSystemSettingsLoginItems];
+}
+
+// --- Folders -------------------------------------------------------------------------------
+
+struct OpenPanelFolders::Impl {
+    // The security-scoped URLs that bookmarks resolved to, by path: access is started on them.
+    std::map<std::string, NSURL*> resolved;
+    std::map<std::string, int> accessCount;
+    BMApplicationsOnly* applicationsOnly = [[BMApplicationsOnly alloc] init];
+};
+
+OpenPanelFolders::OpenPanelFolders() : impl_(std::make_unique<Impl>()) {}
+
+OpenPanelFolders::~OpenPanelFolders() {
+    for (auto& [path, count] : impl_->accessCount) {
+        const auto found = impl_->resolved.find(path);
+        if (found == impl_->resolved.end()) continue;
+        for (int i = 0; i < count; ++i)
+            [found->second stopAccessingSecurityScopedResource];
+    }
+}
+
+std::string OpenPanelFolders::desktopFolder() const {
+    NSURL* desktop = [NSFileManager.defaultManager URLsForDirectory:NSDesktopDirectory
+                                                          inDomains:NSUserDomainMask]
+                         .firstObject;
+    return desktop ? text(desktop.path) : text(NSHomeDirectory());
+}
+
+void OpenPanelFolders::chooseFolder(const FolderChoice& choice, Completion completion) {
+    [NSApp activate];
+    NSOpenPanel* panel = [NSOpenPanel openPanel];
+    panel.canChooseFiles = NO;
+    panel.canChooseDirectories = YES;
+    panel.allowsMultipleSelection = NO;
+    panel.canCreateDirectories = YES;
+    panel.title = ns(choice.title);
+    panel.message = ns(choice.message);
+    panel.prompt = ns(choice.prompt);
+    if (!choice.startFolder.empty()) panel.directoryURL = fileURL(choice.startFolder);
+    [panel beginWithCompletionHandler:^(NSModalResponse response) {
+      finishChoice(panel, response, completion);
+    }];
+}
+
+std::optional<PropertyList::Data> OpenPanelFolders::createBookmark(const std::string& folder) {
+    NSError* error = nil;
+    NSData* data = [fileURL(folder) bookmarkDataWithOptions:NSURLBookmarkCreationWithSecurityScope
+                             includingResourceValuesForKeys:nil
+                                              relativeToURL:nil
+                                                      error:&error];
+    if (!data) return std::nullopt;
+    const auto* bytes = static_cast<const std::uint8_t*>(data.bytes);
+    return PropertyList::Data(bytes, bytes + data.length);
+}
+
+std::optional<FolderAccess::ResolvedBookmark>
+OpenPanelFolders::resolveBookmark(const PropertyList::Data& bookmark) {
+    NSData* data = [NSData dataWithBytes:bookmark.data() length:bookmark.size()];
+    BOOL isStale = NO;
+    NSError* error = nil;
+    NSURL* url = [NSURL URLByResolvingBookmarkData:data
+                                           options:NSURLBookmarkResolutionWithSecurityScope |
+                                                   NSURLBookmarkResolutionWithoutUI
+                                     relativeToURL:nil
+                               bookmarkDataIsStale:&isStale
+                                             error:&error];
+    if (!url || !url.path) return std::nullopt;
+    const std::string path = text(url.path);
+    impl_->resolved[path] = url;
+    return ResolvedBookmark{path, isStale == YES};
+}
+
+bool OpenPanelFolders::startAccessing(const std::string& folder) {
+    const auto found = impl_->resolved.find(folder);
+    NSURL* url = found != impl_->resolved.end() ? found->second : fileURL(folder);
+    if (![url startAccessingSecurityScopedResource]) return false;
+    impl_->resolved[folder] = url;
+    ++impl_->accessCount[folder];
+    return true;
+}
+
+void OpenPanelFolders::stopAccessing(const std::string& folder) {
+    const auto count = impl_->accessCount.find(folder);
+    const auto found = impl_->resolved.find(folder);
+    if (count == impl_->accessCount.end() || found == impl_->resolved.end()) return;
+    [found->second stopAccessingSecurityScopedResource];
+    if (--count->second == 0) impl_->accessCount.erase(count);
+}
+
+void OpenPanelFolders::chooseApplication(const std::string& message, const std::string& startFolder,
+                                         Completion completion) {
+    [NSApp activate];
+    NSOpenPanel* panel = [NSOpenPanel openPanel];
+    panel.canChooseFiles = YES;
+    panel.canChooseDirectories = NO;
+    panel.allowsMultipleSelection = NO;
+    panel.treatsFilePackagesAsDirectories = NO;
+    panel.message = ns(message);
+    panel.delegate = impl_->applicationsOnly;
+    if (!startFolder.empty()) panel.directoryURL = fileURL(startFolder);
+    [panel beginWithCompletionHandler:^(NSModalResponse response) {
+      finishChoice(panel, response, completion);
+    }];
+}
+
+// --- Workspace -----------------------------------------------------------------------------
+
+std::optional<Workspace::RunningApplication>
+AppKitWorkspace::runningApplication(std::int32_t pid) const {
+    NSRunningApplication* app = [NSRunningApplication runningApplicationWithProcessIdentifier:pid];
+    if (!app) return std::nullopt;
+    RunningApplication result;
+    NSURL* location = app.bundleURL ? app.bundleURL : app.executableURL;
+    if (location.path) result.bundlePath = standardizedPath(text(location.path));
+    result.bundleIdentifier = optionalText(app.bundleIdentifier);
+    return result;
+}
+
+std::optional<std::string> AppKitWorkspace::bundleIdentifier(std::string_view bundlePath) const {
+    return optionalText([NSBundle bundleWithPath:ns(bundlePath)].bundleIdentifier);
+}
+
+std::string AppKitWorkspace::displayName(std::string_view path) const {
+    NSString* name = [NSFileManager.defaultManager displayNameAtPath:ns(path)];
+    if (name.length > 0) return text(name);
+    const std::string standard = standardizedPath(path);
+    return standard.substr(standard.find_last_of('/') + 1);
+}
+
+std::string AppKitWorkspace::ownBundlePath() const {
+    return text(NSBundle.mainBundle.bundlePath);
+}
+
+WorkspaceIcon AppKitWorkspace::icon(std::string_view path) const {
+    NSImage* image = [[NSWorkspace sharedWorkspace] iconForFile:ns(path)];
+    WorkspaceIcon result;
+    result.name = std::string(path);
+    if (image) {
+        // The renderer finds the image by its path; the object is kept for whoever holds it.
+        result.image = std::shared_ptr<const void>(CFBridgingRetain(image),
+                                                   [](const void* object) { CFRelease(object); });
+    }
+    return result;
+}
+
+std::optional<std::string> AppKitWorkspace::bundleName(std::string_view bundlePath) const {
+    NSBundle* bundle = [NSBundle bundleWithPath:ns(bundlePath)];
+    if (!bundle) return std::nullopt;
+    for (NSString* key in @[ @"CFBundleDisplayName", @"CFBundleName" ]) {
+        id value = [bundle objectForInfoDictionaryKey:key];
+        if ([value isKindOfClass:[NSString class]] && [value length] > 0) return text(value);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> AppKitWorkspace::frontmostApplicationBundleID() const {
+    return optionalText(NSWorkspace.sharedWorkspace.frontmostApplication.bundleIdentifier);
+}
+
+bool AppKitWorkspace::openURL(std::string_view url) {
+    NSURL* target = [NSURL URLWithString:ns(url)];
+    return target && [NSWorkspace.sharedWorkspace openURL:target];
+}
+
+bool AppKitWorkspace::openApplication(std::string_view path) {
+    NSURL* url = fileURL(path);
+    if (![NSFileManager.defaultManager fileExistsAtPath:url.path]) return false;
+    [NSWorkspace.sharedWorkspace openApplicationAtURL:url
+                                        configuration:[NSWorkspaceOpenConfiguration configuration]
+                                    completionHandler:nil];
+    return true;
+}
+
+bool AppKitWorkspace::revealFile(std::string_view path) {
+    NSURL* url = fileURL(path);
+    if (![NSFileManager.defaultManager fileExistsAtPath:url.path]) return false;
+    [NSWorkspace.sharedWorkspace activateFileViewerSelectingURLs:@[ url ]];
+    return true;
+}
+
+bool AppKitWorkspace::relaunch() {
+    NSWorkspaceOpenConfiguration* configuration = [NSWorkspaceOpenConfiguration configuration];
+    configuration.createsNewApplicationInstance = YES;
+    [NSWorkspace.sharedWorkspace openApplicationAtURL:NSBundle.mainBundle.bundleURL
+                                        configuration:configuration
+                                    completionHandler:nil];
+    return true;
+}
+
+void AppKitWorkspace::terminate() {
+    [NSApp terminate:nil];
+}
+
+} // namespace brightmix
