@@ -2,6 +2,8 @@
 # Brightmix's whole test run, as CI runs it on a fresh Debian 12 machine:
 #   1. installs whatever is missing (scripts/install-deps.sh),
 #   2. checks formatting and the layer rule,
+#      and, where a macOS SDK sysroot is present, cross-compiles the macOS layer and links
+#      Brightmix.app with warnings as errors (scripts/check-macos.sh; one line when skipped),
 #   3. builds optimised with warnings as errors and runs every test through CTest
 #      (unit tests, and the end-to-end tests against a private PipeWire session),
 #   4. builds with AddressSanitizer + UBSan and runs the unit tests,
@@ -30,6 +32,10 @@ done_stage
 stage "format and layers"
 ./scripts/check-format.sh
 ./scripts/check-layers.sh
+done_stage
+
+stage "macOS cross-compile"
+./scripts/check-macos.sh
 done_stage
 
 stage "optimised build, warnings as errors, all tests"
