@@ -17,6 +17,7 @@
 #include "platform/macos/AppUpdater.h"
 #include "platform/macos/CoreAudioHardware.h"
 #include "platform/macos/ExtAudioFileWriter.h"
+#include "platform/macos/NSStrings.h"
 #include "platform/macos/PreferencesDefaults.h"
 #include "platform/macos/QuartzEventTap.h"
 #include "platform/macos/RunLoopMainLoop.h"
@@ -40,11 +41,6 @@ namespace brightmix {
 namespace {
 
 constexpr const char* kBundleIdentifier = "com.corvale.brightmix";
-
-NSString* ns(const std::string& text) {
-    NSString* result = [NSString stringWithUTF8String:text.c_str()];
-    return result ? result : @"";
-}
 
 std::string bundleIdentifier() {
     NSString* identifier = NSBundle.mainBundle.bundleIdentifier;
@@ -163,11 +159,11 @@ private:
             for (auto& [id, drawn] : windows_) {
                 if (const std::optional<ui::Node> tree = app_.window(id)) {
                     drawn.renderer->render(*tree);
-                    drawn.window.title = ns(tree->title);
+                    drawn.window.title = nsString(tree->title);
                 }
             }
-            statusItem_.button.accessibilityLabel = ns(app_.accessibilityLabel());
-            statusItem_.button.toolTip = ns(app_.accessibilityLabel());
+            statusItem_.button.accessibilityLabel = nsString(app_.accessibilityLabel());
+            statusItem_.button.toolTip = nsString(app_.accessibilityLabel());
         });
         isRedrawing_ = false;
     }

@@ -3,6 +3,7 @@
 #import <AppKit/AppKit.h>
 #import <ServiceManagement/ServiceManagement.h>
 
+#include "platform/macos/NSStrings.h"
 #include "platform/macos/RunLoopMainLoop.h"
 
 // Lets the application chooser pick application bundles only (and walk into folders).
@@ -25,32 +26,20 @@ namespace brightmix {
 
 namespace {
 
-NSString* ns(std::string_view text) {
-    NSString* result = [[NSString alloc] initWithBytes:text.data()
-                                                length:text.size()
-                                              encoding:NSUTF8StringEncoding];
-    return result ? result : @"";
-}
-
-std::string text(NSString* value) {
-    const char* utf8 = value.UTF8String;
-    return utf8 ? std::string(utf8) : std::string();
-}
-
 std::optional<std::string> optionalText(NSString* value) {
     if (value.length == 0) return std::nullopt;
-    return text(value);
+    return stdString(value);
 }
 
 NSURL* fileURL(std::string_view path) {
-    return [NSURL fileURLWithPath:ns(path)];
+    return [NSURL fileURLWithPath:nsString(path)];
 }
 
 // Runs a panel's completion on the main thread with its chosen path, or none.
 void finishChoice(NSOpenPanel* panel, NSModalResponse response,
                   const FolderAccess::Completion& completion) {
     std::optional<std::string> chosen;
-    if (response == NSModalResponseOK && panel.URL) chosen = text(panel.URL.path);
+    if (response == NSModalResponseOK && panel.URL) chosen = stdString(panel.URL.path);
     runCatching("a folder choice", [&] {
         if (completion) completion(chosen);
     });
@@ -77,13 +66,13 @@ LoginItem::Status MainAppLoginItem::status() const {
 void MainAppLoginItem::registerItem() {
     NSError* error = nil;
     if (![SMAppService.mainAppService registerAndReturnError:&error])
-        throw Error(text(error.localizedDescription));
+        throw Error(stdString(error.localizedDescription));
 }
 
 void MainAppLoginItem::unregisterItem() {
     NSError* error = nil;
     if (![SMAppService.mainAppService unregisterAndReturnError:&error])
-        throw Error(text(error.localizedDescription));
+        throw Error(stdString(error.localizedDescription));
 }
 
 void MainAppLoginItem::openSystemSettingsLoginItems() {
@@ -114,7 +103,7 @@ std::string OpenPanelFolders::desktopFolder() const {
     NSURL* desktop = [NSFileManager.defaultManager URLsForDirectory:NSDesktopDirectory
                                                           inDomains:NSUserDomainMask]
                          .firstObject;
-    return desktop ? text(desktop.path) : text(NSHomeDirectory());
+    return desktop ? stdString(desktop.path) : stdString(NSHomeDirectory());
 }
 
 void OpenPanelFolders::chooseFolder(const FolderChoice& choice, Completion completion) {
@@ -124,9 +113,9 @@ void OpenPanelFolders::chooseFolder(const FolderChoice& choice, Completion compl
     panel.canChooseDirectories = YES;
     panel.allowsMultipleSelection = NO;
     panel.canCreateDirectories = YES;
-    panel.title = ns(choice.title);
-    panel.message = ns(choice.message);
-    panel.prompt = ns(choice.prompt);
+    panel.title = nsString(choice.title);
+    panel.message = nsString(choice.message);
+    panel.prompt = nsString(choice.prompt);
     if (!choice.startFolder.empty()) panel.directoryURL = fileURL(choice.startFolder);
     [panel beginWithCompletionHandler:^(NSModalResponse response) {
       finishChoice(panel, response, completion);
@@ -156,7 +145,7 @@ OpenPanelFolders::resolveBookmark(const PropertyList::Data& bookmark) {
                                bookmarkDataIsStale:&isStale
                                              error:&error];
     if (!url || !url.path) return std::nullopt;
-    const std::string path = text(url.path);
+    const std::string path = stdString(url.path);
     impl_->resolved[path] = url;
     return ResolvedBookmark{path, isStale == YES};
 }
@@ -186,7 +175,7 @@ void OpenPanelFolders::chooseApplication(const std::string& message, const std::
     panel.canChooseDirectories = NO;
     panel.allowsMultipleSelection = NO;
     panel.treatsFilePackagesAsDirectories = NO;
-    panel.message = ns(message);
+    panel.message = nsString(message);
     panel.delegate = impl_->applicationsOnly;
     if (!startFolder.empty()) panel.directoryURL = fileURL(startFolder);
     [panel beginWithCompletionHandler:^(NSModalResponse response) {
@@ -202,28 +191,28 @@ AppKitWorkspace::runningApplication(std::int32_t pid) const {
     if (!app) return std::nullopt;
     RunningApplication result;
     NSURL* location = app.bundleURL ? app.bundleURL : app.executableURL;
-    if (location.path) result.bundlePath = standardizedPath(text(location.path));
+    if (location.path) result.bundlePath = standardizedPath(stdString(location.path));
     result.bundleIdentifier = optionalText(app.bundleIdentifier);
     return result;
 }
 
 std::optional<std::string> AppKitWorkspace::bundleIdentifier(std::string_view bundlePath) const {
-    return optionalText([NSBundle bundleWithPath:ns(bundlePath)].bundleIdentifier);
+    return optionalText([NSBundle bundleWithPath:nsString(bundlePath)].bundleIdentifier);
 }
 
 std::string AppKitWorkspace::displayName(std::string_view path) const {
-    NSString* name = [NSFileManager.defaultManager displayNameAtPath:ns(path)];
-    if (name.length > 0) return text(name);
+    NSString* name = [NSFileManager.defaultManager displayNameAtPath:nsString(path)];
+    if (name.length > 0) return stdString(name);
     const std::string standard = standardizedPath(path);
     return standard.substr(standard.find_last_of('/') + 1);
 }
 
 std::string AppKitWorkspace::ownBundlePath() const {
-    return text(NSBundle.mainBundle.bundlePath);
+    return stdString(NSBundle.mainBundle.bundlePath);
 }
 
 WorkspaceIcon AppKitWorkspace::icon(std::string_view path) const {
-    NSImage* image = [[NSWorkspace sharedWorkspace] iconForFile:ns(path)];
+    NSImage* image = [[NSWorkspace sharedWorkspace] iconForFile:nsString(path)];
     WorkspaceIcon result;
     result.name = std::string(path);
     if (image) {
@@ -235,11 +224,11 @@ WorkspaceIcon AppKitWorkspace::icon(std::string_view path) const {
 }
 
 std::optional<std::string> AppKitWorkspace::bundleName(std::string_view bundlePath) const {
-    NSBundle* bundle = [NSBundle bundleWithPath:ns(bundlePath)];
+    NSBundle* bundle = [NSBundle bundleWithPath:nsString(bundlePath)];
     if (!bundle) return std::nullopt;
     for (NSString* key in @[ @"CFBundleDisplayName", @"CFBundleName" ]) {
         id value = [bundle objectForInfoDictionaryKey:key];
-        if ([value isKindOfClass:[NSString class]] && [value length] > 0) return text(value);
+        if ([value isKindOfClass:[NSString class]] && [value length] > 0) return stdString(value);
     }
     return std::nullopt;
 }
@@ -249,7 +238,7 @@ std::optional<std::string> AppKitWorkspace::frontmostApplicationBundleID() const
 }
 
 bool AppKitWorkspace::openURL(std::string_view url) {
-    NSURL* target = [NSURL URLWithString:ns(url)];
+    NSURL* target = [NSURL URLWithString:nsString(url)];
     return target && [NSWorkspace.sharedWorkspace openURL:target];
 }
 

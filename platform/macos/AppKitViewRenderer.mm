@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "platform/macos/NSStrings.h"
 #include "platform/macos/RunLoopMainLoop.h"
 
 // The target of every control, menu item and text field of one node: it forwards to the
@@ -71,18 +72,6 @@
 namespace brightmix {
 
 namespace {
-
-NSString* ns(const std::string& text) {
-    NSString* result = [[NSString alloc] initWithBytes:text.data()
-                                                length:text.size()
-                                              encoding:NSUTF8StringEncoding];
-    return result ? result : @"";
-}
-
-std::string text(NSString* value) {
-    const char* utf8 = value.UTF8String;
-    return utf8 ? std::string(utf8) : std::string();
-}
 
 bool isContainer(ui::NodeKind kind) {
     switch (kind) {
@@ -160,9 +149,9 @@ const ui::MenuEntry* findEntry(const std::vector<ui::MenuEntry>& entries, const 
 NSImage* AppKitViewRenderer::symbolImage(const std::string& symbol,
                                          const std::string& description) {
     if (symbol.empty()) return nil;
-    if (symbol.front() == '/') return [[NSWorkspace sharedWorkspace] iconForFile:ns(symbol)];
-    return [NSImage imageWithSystemSymbolName:ns(symbol)
-                     accessibilityDescription:description.empty() ? nil : ns(description)];
+    if (symbol.front() == '/') return [[NSWorkspace sharedWorkspace] iconForFile:nsString(symbol)];
+    return [NSImage imageWithSystemSymbolName:nsString(symbol)
+                     accessibilityDescription:description.empty() ? nil : nsString(description)];
 }
 
 struct AppKitViewRenderer::Impl {
@@ -277,7 +266,7 @@ struct AppKitViewRenderer::Impl {
                     ? static_cast<NSString*>([(NSMenuItem*)sender representedObject])
                     : nil;
             const ui::MenuEntry* item =
-                itemKey ? findEntry(entry.node.entries, text(itemKey)) : nullptr;
+                itemKey ? findEntry(entry.node.entries, stdString(itemKey)) : nullptr;
             if (!item || item->action.empty() || !handler) break;
             std::optional<std::string> value;
             if (item->isChecked) value = *item->isChecked ? "false" : "true";
@@ -286,7 +275,7 @@ struct AppKitViewRenderer::Impl {
             break;
         }
         case ui::NodeKind::textField:
-            send(key, text(entry.field.stringValue));
+            send(key, stdString(entry.field.stringValue));
             break;
         case ui::NodeKind::button:
         case ui::NodeKind::callout:
@@ -475,11 +464,11 @@ struct AppKitViewRenderer::Impl {
     void presentConfirmation(const ui::Node& node) {
         NSAlert* alert = [[NSAlert alloc] init];
         alert.alertStyle = NSAlertStyleWarning;
-        alert.messageText = ns(node.title);
-        alert.informativeText = ns(node.text);
-        NSButton* confirm = [alert addButtonWithTitle:ns(node.buttonTitle)];
+        alert.messageText = nsString(node.title);
+        alert.informativeText = nsString(node.text);
+        NSButton* confirm = [alert addButtonWithTitle:nsString(node.buttonTitle)];
         confirm.hasDestructiveAction = node.buttonRole == ui::ButtonRole::destructive;
-        [alert addButtonWithTitle:ns(node.cancelTitle)];
+        [alert addButtonWithTitle:nsString(node.cancelTitle)];
         const std::string key = node.key;
         // Shown once the current render is over: the window it belongs to may only now appear.
         dispatch_async(dispatch_get_main_queue(), ^{
@@ -509,11 +498,12 @@ struct AppKitViewRenderer::Impl {
     void update(Entry& entry, const ui::Node& node, bool isNew) {
         auto changedField = [&](auto member) { return changed(entry, node, member, isNew); };
         NSView* view = entry.view;
-        if (changedField(&ui::Node::help)) view.toolTip = node.help.empty() ? nil : ns(node.help);
+        if (changedField(&ui::Node::help))
+            view.toolTip = node.help.empty() ? nil : nsString(node.help);
         if (changedField(&ui::Node::accessibilityLabel) || changedField(&ui::Node::title)) {
             const std::string& label =
                 node.accessibilityLabel.empty() ? node.title : node.accessibilityLabel;
-            if (!label.empty()) view.accessibilityLabel = ns(label);
+            if (!label.empty()) view.accessibilityLabel = nsString(label);
         }
         if ([view isKindOfClass:[NSControl class]] && changedField(&ui::Node::isEnabled))
             static_cast<NSControl*>(view).enabled = node.isEnabled;
@@ -528,28 +518,28 @@ struct AppKitViewRenderer::Impl {
             break;
         case ui::NodeKind::section:
             if (changedField(&ui::Node::title)) {
-                entry.label.stringValue = ns(node.title);
+                entry.label.stringValue = nsString(node.title);
                 entry.label.hidden = node.title.empty();
             }
             break;
         case ui::NodeKind::list:
-            if (changedField(&ui::Node::text)) entry.label.stringValue = ns(node.text);
+            if (changedField(&ui::Node::text)) entry.label.stringValue = nsString(node.text);
             entry.label.hidden = !node.children.empty() || node.text.empty();
             entry.scroll.hidden = node.children.empty();
             break;
         case ui::NodeKind::text:
-            if (changedField(&ui::Node::text)) entry.label.stringValue = ns(node.text);
+            if (changedField(&ui::Node::text)) entry.label.stringValue = nsString(node.text);
             if (changedField(&ui::Node::textRole)) styleText(entry.label, node.textRole);
             break;
         case ui::NodeKind::toggle:
-            if (changedField(&ui::Node::title)) entry.label.stringValue = ns(node.title);
+            if (changedField(&ui::Node::title)) entry.label.stringValue = nsString(node.title);
             entry.toggle.state = node.isOn ? NSControlStateValueOn : NSControlStateValueOff;
             entry.toggle.enabled = node.isEnabled;
-            entry.toggle.accessibilityLabel = ns(node.title);
+            entry.toggle.accessibilityLabel = nsString(node.title);
             break;
         case ui::NodeKind::slider:
             if (changedField(&ui::Node::title)) {
-                entry.label.stringValue = ns(node.title);
+                entry.label.stringValue = nsString(node.title);
                 entry.label.hidden = node.title.empty();
             }
             if (([NSEvent pressedMouseButtons] & 1) == 0) entry.isTracking = false;
@@ -561,11 +551,11 @@ struct AppKitViewRenderer::Impl {
             }
             entry.slider.enabled = node.isEnabled;
             if (changedField(&ui::Node::valueText))
-                entry.valueLabel.stringValue = ns(node.valueText);
+                entry.valueLabel.stringValue = nsString(node.valueText);
             break;
         case ui::NodeKind::picker: {
             if (changedField(&ui::Node::title)) {
-                entry.label.stringValue = ns(node.title);
+                entry.label.stringValue = nsString(node.title);
                 entry.label.hidden = node.title.empty();
             }
             entry.popUp.enabled = node.isEnabled;
@@ -573,7 +563,7 @@ struct AppKitViewRenderer::Impl {
             if (changedField(&ui::Node::options)) {
                 [entry.popUp removeAllItems];
                 for (const ui::Option& option : node.options) {
-                    NSMenuItem* item = [[NSMenuItem alloc] initWithTitle:ns(option.title)
+                    NSMenuItem* item = [[NSMenuItem alloc] initWithTitle:nsString(option.title)
                                                                   action:nil
                                                            keyEquivalent:@""];
                     item.enabled = option.isEnabled;
@@ -591,9 +581,9 @@ struct AppKitViewRenderer::Impl {
             const bool isIconOnly =
                 node.buttonRole == ui::ButtonRole::plain && !node.symbol.empty();
             if (changedField(&ui::Node::title) || changedField(&ui::Node::buttonRole)) {
-                entry.button.title = isIconOnly ? @"" : ns(node.title);
-                if (isIconOnly && node.help.empty()) entry.button.toolTip = ns(node.title);
-                entry.button.accessibilityLabel = ns(node.title);
+                entry.button.title = isIconOnly ? @"" : nsString(node.title);
+                if (isIconOnly && node.help.empty()) entry.button.toolTip = nsString(node.title);
+                entry.button.accessibilityLabel = nsString(node.title);
             }
             if (changedField(&ui::Node::symbol)) {
                 entry.button.image = symbolImage(node.symbol, node.title);
@@ -619,7 +609,7 @@ struct AppKitViewRenderer::Impl {
                 changedField(&ui::Node::symbol)) {
                 [entry.popUp removeAllItems];
                 // A pull-down shows its first item as its face.
-                NSMenuItem* face = [[NSMenuItem alloc] initWithTitle:ns(node.title)
+                NSMenuItem* face = [[NSMenuItem alloc] initWithTitle:nsString(node.title)
                                                               action:nil
                                                        keyEquivalent:@""];
                 face.image = symbolImage(node.symbol, node.title);
@@ -630,27 +620,28 @@ struct AppKitViewRenderer::Impl {
         case ui::NodeKind::callout:
             if (changedField(&ui::Node::symbol))
                 entry.image.image = symbolImage(node.symbol, node.text);
-            if (changedField(&ui::Node::text)) entry.label.stringValue = ns(node.text);
-            if (changedField(&ui::Node::buttonTitle)) entry.button.title = ns(node.buttonTitle);
+            if (changedField(&ui::Node::text)) entry.label.stringValue = nsString(node.text);
+            if (changedField(&ui::Node::buttonTitle))
+                entry.button.title = nsString(node.buttonTitle);
             entry.button.hidden = node.buttonTitle.empty() || node.action.empty();
             break;
         case ui::NodeKind::textField:
             if (changedField(&ui::Node::placeholder))
-                entry.field.placeholderString = ns(node.placeholder);
+                entry.field.placeholderString = nsString(node.placeholder);
             // A field being typed in keeps what the user typed.
-            if (!entry.field.currentEditor && text(entry.field.stringValue) != node.text)
-                entry.field.stringValue = ns(node.text);
+            if (!entry.field.currentEditor && stdString(entry.field.stringValue) != node.text)
+                entry.field.stringValue = nsString(node.text);
             break;
         case ui::NodeKind::levelMeter:
             if (changedField(&ui::Node::title)) {
-                entry.label.stringValue = ns(node.title);
+                entry.label.stringValue = nsString(node.title);
                 entry.label.hidden = node.title.empty();
             }
             entry.meter.minValue = node.minimum;
             entry.meter.maxValue = node.maximum;
             entry.meter.doubleValue = node.value;
             if (changedField(&ui::Node::valueText))
-                entry.valueLabel.stringValue = ns(node.valueText);
+                entry.valueLabel.stringValue = nsString(node.valueText);
             break;
         case ui::NodeKind::image:
             if (changedField(&ui::Node::symbol))
@@ -668,18 +659,18 @@ struct AppKitViewRenderer::Impl {
                 [menu addItem:[NSMenuItem separatorItem]];
                 continue;
             }
-            NSMenuItem* menuItem = [[NSMenuItem alloc] initWithTitle:ns(item.title)
+            NSMenuItem* menuItem = [[NSMenuItem alloc] initWithTitle:nsString(item.title)
                                                               action:@selector(perform:)
                                                        keyEquivalent:@""];
             menuItem.target = target;
-            menuItem.representedObject = ns(item.key);
+            menuItem.representedObject = nsString(item.key);
             menuItem.enabled = item.isEnabled;
             menuItem.image = symbolImage(item.symbol, item.title);
-            if (!item.help.empty()) menuItem.toolTip = ns(item.help);
+            if (!item.help.empty()) menuItem.toolTip = nsString(item.help);
             if (item.isChecked)
                 menuItem.state = *item.isChecked ? NSControlStateValueOn : NSControlStateValueOff;
             if (!item.children.empty()) {
-                NSMenu* submenu = [[NSMenu alloc] initWithTitle:ns(item.title)];
+                NSMenu* submenu = [[NSMenu alloc] initWithTitle:nsString(item.title)];
                 submenu.autoenablesItems = NO;
                 fillMenu(submenu, item.children, target);
                 menuItem.submenu = submenu;
