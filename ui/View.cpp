@@ -200,6 +200,20 @@ MenuEntry submenu(std::string key, std::string title, std::vector<MenuEntry> chi
     return entry;
 }
 
+bool isContainer(NodeKind kind) {
+    switch (kind) {
+    case NodeKind::window:
+    case NodeKind::panel:
+    case NodeKind::section:
+    case NodeKind::row:
+    case NodeKind::stack:
+    case NodeKind::list:
+        return true;
+    default:
+        return false;
+    }
+}
+
 const Node* findNode(const Node& root, const std::string& key) {
     if (root.key == key) return &root;
     for (const Node& child : root.children) {

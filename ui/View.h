@@ -145,6 +145,10 @@ MenuEntry menuToggle(std::string key, std::string title, bool isChecked, Action 
 MenuEntry menuSeparator(std::string key);
 MenuEntry submenu(std::string key, std::string title, std::vector<MenuEntry> children);
 
+// Whether nodes of this kind hold child nodes that a renderer draws in order (window, panel,
+// section, row, stack, list).
+bool isContainer(NodeKind kind);
+
 // The first node with this key in the tree (depth first), or none.
 const Node* findNode(const Node& root, const std::string& key);
 // The first menu entry with this key anywhere in the tree's menus, or none.

@@ -73,20 +73,6 @@ namespace brightmix {
 
 namespace {
 
-bool isContainer(ui::NodeKind kind) {
-    switch (kind) {
-    case ui::NodeKind::window:
-    case ui::NodeKind::panel:
-    case ui::NodeKind::section:
-    case ui::NodeKind::row:
-    case ui::NodeKind::stack:
-    case ui::NodeKind::list:
-        return true;
-    default:
-        return false;
-    }
-}
-
 NSTextField* makeLabel(bool wraps) {
     NSTextField* label =
         wraps ? [NSTextField wrappingLabelWithString:@""] : [NSTextField labelWithString:@""];
@@ -224,7 +210,7 @@ struct AppKitViewRenderer::Impl {
         }
         seen.insert(node.key);
         update(*entry, node, isNew);
-        if (isContainer(node.kind)) updateChildren(*entry, node);
+        if (ui::isContainer(node.kind)) updateChildren(*entry, node);
         return entry->view;
     }
 

@@ -6,6 +6,7 @@
 #include <Foundation/Foundation.h>
 #include <unistd.h>
 
+#include "Brightmix/AudioDeviceError.h"
 #include "platform/macos/CFConversion.h"
 
 // The boundary's IOProc handle: the HAL's own, kept with the device it belongs to.
@@ -101,7 +102,8 @@ OSStatus CoreAudioHardware::getPropertyValue(AudioObjectID object,
     std::size_t dropped = 0;
     *value = propertyListFromCFValue(cfValueFromObject(result), &dropped);
     if (dropped > 0)
-        report("Core Audio property '" + std::to_string(address.mSelector) + "' held " +
+        report("Core Audio property " +
+               AudioDeviceError::statusText(static_cast<OSStatus>(address.mSelector)) + " held " +
                std::to_string(dropped) + " value(s) a property list cannot carry");
     return noErr;
 }

@@ -97,9 +97,8 @@ OSStatus ExtAudioFileWriter::setClientFormat(AudioFileHandle* file,
 OSStatus ExtAudioFileWriter::writeAsync(AudioFileHandle* file, UInt32 frames,
                                         const AudioBufferList* data) {
     if (!file) return kAudio_ParamError;
-    const OSStatus status = ExtAudioFileWriteAsync(handle(file)->file(), frames, data);
-    handle(file)->noteStatus(status);
-    return status;
+    const RecordingFile* recording = handle(file)->recording();
+    return recording->writeAsync(recording, frames, data);
 }
 
 RecordingFile* ExtAudioFileWriter::recordingFile(AudioFileHandle* file) {

@@ -33,20 +33,6 @@ QString qt(const std::string& text) {
     return QString::fromStdString(text);
 }
 
-bool isContainer(ui::NodeKind kind) {
-    switch (kind) {
-    case ui::NodeKind::window:
-    case ui::NodeKind::panel:
-    case ui::NodeKind::section:
-    case ui::NodeKind::row:
-    case ui::NodeKind::stack:
-    case ui::NodeKind::list:
-        return true;
-    default:
-        return false;
-    }
-}
-
 QIcon fallbackIcon() {
     static const QIcon icon = [] {
         QPixmap pixmap(32, 32);
@@ -657,7 +643,7 @@ void QtViewRenderer::update(Entry& entry, const ui::Node& node) {
         break;
     }
 
-    if (isContainer(node.kind)) updateChildren(entry, node);
+    if (ui::isContainer(node.kind)) updateChildren(entry, node);
 }
 
 void QtViewRenderer::updateChildren(Entry& entry, const ui::Node& node) {
