@@ -153,9 +153,9 @@ bool BrightmixApp::perform(const ui::ActionEvent& event) {
     } else if (name == "resetSettings") {
         menuState_.isConfirmingReset = false;
         if (event.value != "cancel") model_.resetSettings();
-    } else if (name == "checkForUpdates" && updater_.isAvailable()) {
+    } else if (name == "checkForUpdates" && isUpdaterUsable()) {
         updater_.checkForUpdates();
-    } else if (name == "setAutomaticallyChecksForUpdates" && flag && updater_.isAvailable()) {
+    } else if (name == "setAutomaticallyChecksForUpdates" && flag && isUpdaterUsable()) {
         updater_.setAutomaticallyChecksForUpdates(*flag);
     } else if (name == "about") {
         if (host_.showAbout) host_.showAbout();
@@ -191,6 +191,8 @@ bool BrightmixApp::perform(const ui::ActionEvent& event) {
         setup_->openInputMonitoring();
     } else if (name == "setupOpenAccessibility" && setup_) {
         setup_->openAccessibility();
+    } else if (name == "setupOpenSystemAudioRecording" && setup_) {
+        setup_->openSystemAudioRecording();
     } else if (name == "setupRestart" && setup_) {
         setup_->restart();
     } else if (name == "dragApplication") {

@@ -47,6 +47,9 @@ public:
     void launch();
 
     ui::Node panel() const;
+    // The panel is about to show: reads what is too costly to poll every second (the login
+    // item's state is a call into another process).
+    void panelWillOpen() { model_.refreshLoginItemState(); }
     // The tree of an open window; none when it is not open or unknown.
     std::optional<ui::Node> window(const std::string& identifier) const;
     static ui::Node hud(const HudContent& content);
@@ -67,6 +70,9 @@ public:
 
 private:
     void notify() const;
+    bool isUpdaterUsable() const {
+        return updater_.isAvailable() && updater_.unavailableReason().empty();
+    }
 
     AppModel& model_;
     Updater& updater_;

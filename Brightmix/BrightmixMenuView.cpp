@@ -151,6 +151,11 @@ std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& upd
     entries[6].help = "Uses Accessibility permission to show the Brightmix volume indicator for "
                       "outputs macOS cannot control itself. Outputs with their own volume "
                       "control keep the macOS indicator.";
+    if (state.isSystemHUDReplacementRefused) {
+        // The setting would have no effect: say so rather than offer it.
+        entries[6].isEnabled = false;
+        entries[6].help = BrightmixMenuView::kHUDReplacementRefusedHelp;
+    }
     const bool isBusy = state.isRecording || state.isPreparingRecording;
     entries[9].isEnabled = !isBusy;
     entries[10].isEnabled = !isBusy;
@@ -159,14 +164,20 @@ std::vector<ui::MenuEntry> optionsMenu(const AppModel& model, const Updater& upd
         entries.erase(entries.begin() + 6);
     }
     if (updater.isAvailable()) {
+        const std::string reason = updater.unavailableReason();
         ui::MenuEntry check =
             ui::menuItem("options.check-updates", "Check for Updates…", {"checkForUpdates", {}});
-        check.isEnabled = updater.canCheckForUpdates();
+        check.isEnabled = reason.empty() && updater.canCheckForUpdates();
+        check.help = reason;
+        ui::MenuEntry automatic =
+            ui::menuToggle("options.auto-updates", "Check for Updates Automatically",
+                           reason.empty() && updater.automaticallyChecksForUpdates(),
+                           {"setAutomaticallyChecksForUpdates", {}});
+        automatic.isEnabled = reason.empty();
+        automatic.help = reason;
         entries.push_back(ui::menuSeparator("options.separator.updates"));
         entries.push_back(std::move(check));
-        entries.push_back(ui::menuToggle("options.auto-updates", "Check for Updates Automatically",
-                                         updater.automaticallyChecksForUpdates(),
-                                         {"setAutomaticallyChecksForUpdates", {}}));
+        entries.push_back(std::move(automatic));
     }
     entries.push_back(ui::menuSeparator("options.separator.help"));
     entries.push_back(ui::menuItem("options.about", "About Brightmix", {"about", {}}));

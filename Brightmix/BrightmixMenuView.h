@@ -49,6 +49,9 @@ struct MenuViewState {
 
 struct BrightmixMenuView {
     inline static const std::string kPrivacyPolicyURL = "https://corvale.com/brightmix/privacy";
+    inline static const std::string kHUDReplacementRefusedHelp =
+        "macOS is not letting Brightmix intercept the volume keys right now, so its volume "
+        "indicator cannot be replaced. The keys still move Brightmix’s volume.";
     inline static const std::string kHelpURL = "https://corvale.com/brightmix/help";
     inline static const std::string kSupportMailURL =
         "mailto:support@corvale.com?subject=Brightmix";

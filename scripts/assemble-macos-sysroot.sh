@@ -47,7 +47,8 @@ ca="$S/System/Library/Frameworks/CoreAudio.framework"
 rm "$ca/Headers"
 mkdir "$ca/Headers"
 for h in "$base"/Frameworks/CoreAudio.framework/Headers/*.h; do ln -s "$h" "$ca/Headers/"; done
-ln -sf "$extras/CATapDescription.h" "$ca/Headers/CATapDescription.h"
+rm -f "$ca/Headers/CATapDescription.h"
+cp "$extras/CATapDescription.h" "$ca/Headers/CATapDescription.h"
 # ServiceManagement: SMAppService only, under an umbrella header of our own.
 sm="$S/System/Library/Frameworks/ServiceManagement.framework"
 mkdir -p "$sm/Headers"

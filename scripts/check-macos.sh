@@ -63,6 +63,11 @@ binary=$app/Contents/MacOS/Brightmix
 for file in Info.plist Resources/MenuBarIcon.pdf; do
     [ -f "$app/Contents/$file" ] || { echo "check-macos: $app/Contents/$file is missing" >&2; exit 1; }
 done
+# The default build has no update key: Info.plist must leave SUPublicEDKey out entirely.
+if grep -q SUPublicEDKey "$app/Contents/Info.plist"; then
+    echo "check-macos: the default Info.plist carries SUPublicEDKey" >&2
+    exit 1
+fi
 sources=$(find platform/macos app/macos -name '*.mm' -o -name '*.cpp' | wc -l)
 echo "macOS cross-compile: $sources sources of platform/macos and app/macos compiled with -Werror;" \
     "Brightmix.app linked for arm64 against $sysroot"

@@ -1,8 +1,9 @@
 // The system services of the app on macOS:
 //   MainAppLoginItem   LoginItem over SMAppService.mainAppService;
 //   OpenPanelFolders   FolderAccess over NSOpenPanel and security-scoped bookmarks (created
-//                      with the security scope, resolved without UI and with staleness, access
-//                      started and stopped on the resolved URL);
+//                      with the security scope, resolved without UI and with staleness);
+//                      access is started, and bookmarks made, on the URL object the panel
+//                      handed out or the bookmark resolved to, never on one rebuilt from a path;
 //   AppKitWorkspace    Workspace over NSWorkspace, NSRunningApplication and NSBundle.
 //
 // Thread: the main thread; completions run there. Realtime-safe: no.

@@ -82,8 +82,10 @@ void MainAppLoginItem::openSystemSettingsLoginItems() {
 // --- Folders -------------------------------------------------------------------------------
 
 struct OpenPanelFolders::Impl {
-    // The security-scoped URLs that bookmarks resolved to, by path: access is started on them.
+    // The security-scoped URLs that bookmarks resolved to or the open panel handed out, by
+    // path: access is started on them and bookmarks are made from them.
     std::map<std::string, NSURL*> resolved;
+    NSURL* urlFor(const std::string& folder) const;
     std::map<std::string, int> accessCount;
     BMApplicationsOnly* applicationsOnly = [[BMApplicationsOnly alloc] init];
 };
@@ -117,17 +119,29 @@ void OpenPanelFolders::chooseFolder(const FolderChoice& choice, Completion compl
     panel.message = nsString(choice.message);
     panel.prompt = nsString(choice.prompt);
     if (!choice.startFolder.empty()) panel.directoryURL = fileURL(choice.startFolder);
+    Impl* impl = impl_.get();
     [panel beginWithCompletionHandler:^(NSModalResponse response) {
+      // The sandbox grants the folder through the URL the panel hands out: access can be
+      // started on that object (or on one resolved from its bookmark), never on a URL rebuilt
+      // from its path. Keep it for startAccessing and createBookmark.
+      if (response == NSModalResponseOK && panel.URL.path)
+          impl->resolved[stdString(panel.URL.path)] = panel.URL;
       finishChoice(panel, response, completion);
     }];
 }
 
+NSURL* OpenPanelFolders::Impl::urlFor(const std::string& folder) const {
+    const auto found = resolved.find(folder);
+    return found != resolved.end() ? found->second : fileURL(folder);
+}
+
 std::optional<PropertyList::Data> OpenPanelFolders::createBookmark(const std::string& folder) {
     NSError* error = nil;
-    NSData* data = [fileURL(folder) bookmarkDataWithOptions:NSURLBookmarkCreationWithSecurityScope
-                             includingResourceValuesForKeys:nil
-                                              relativeToURL:nil
-                                                      error:&error];
+    NSData* data =
+        [impl_->urlFor(folder) bookmarkDataWithOptions:NSURLBookmarkCreationWithSecurityScope
+                        includingResourceValuesForKeys:nil
+                                         relativeToURL:nil
+                                                 error:&error];
     if (!data) return std::nullopt;
     const auto* bytes = static_cast<const std::uint8_t*>(data.bytes);
     return PropertyList::Data(bytes, bytes + data.length);
@@ -151,8 +165,7 @@ OpenPanelFolders::resolveBookmark(const PropertyList::Data& bookmark) {
 }
 
 bool OpenPanelFolders::startAccessing(const std::string& folder) {
-    const auto found = impl_->resolved.find(folder);
-    NSURL* url = found != impl_->resolved.end() ? found->second : fileURL(folder);
+    NSURL* url = impl_->urlFor(folder);
     if (![url startAccessingSecurityScopedResource]) return false;
     impl_->resolved[folder] = url;
     ++impl_->accessCount[folder];

@@ -2,7 +2,8 @@
 // Updates Automatically" go to its updater, and a valid update found by any check (the
 // scheduled background ones too) is the pending version until the update cycle finishes
 // without one. Scheduled updates are shown as gentle reminders, as suits an app without a
-// Dock icon. The feed and its key come from the bundle's Info.plist (SUFeedURL, SUPublicEDKey).
+// Dock icon. The feed and its key come from the bundle's Info.plist (SUFeedURL, SUPublicEDKey);
+// a bundle without a usable key never starts Sparkle (UpdaterConfiguration decides).
 //
 // Objective-C++ only. Thread: the main thread. Realtime-safe: no.
 #pragma once
@@ -26,6 +27,7 @@ public:
     bool automaticallyChecksForUpdates() const override;
     void setAutomaticallyChecksForUpdates(bool isOn) override;
     std::optional<std::string> pendingVersion() const override;
+    std::string unavailableReason() const override;
 
     struct Impl;
 

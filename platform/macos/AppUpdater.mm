@@ -4,6 +4,7 @@
 #import <Sparkle/Sparkle.h>
 
 #include "platform/macos/RunLoopMainLoop.h"
+#include "platform/macos/UpdaterConfiguration.h"
 
 @class BMUpdaterDelegate;
 
@@ -11,7 +12,10 @@ namespace brightmix {
 struct AppUpdater::Impl {
     std::function<void()> changed;
     std::optional<std::string> pendingVersion;
-    // Sparkle holds its delegates weakly: the updater keeps both alive.
+    // Empty when the updater runs; otherwise why it never started.
+    std::string unavailableReason;
+    // Sparkle holds its delegates weakly: the updater keeps both alive. Nil when the build
+    // has no update key, so Sparkle never runs (and never shows its misconfiguration alert).
     SPUStandardUpdaterController* controller = nil;
     BMUpdaterDelegate* delegate = nil;
 };
@@ -50,8 +54,25 @@ struct AppUpdater::Impl {
 
 namespace brightmix {
 
+namespace {
+
+std::optional<std::string> infoString(NSString* key) {
+    id value = [NSBundle.mainBundle objectForInfoDictionaryKey:key];
+    if (![value isKindOfClass:[NSString class]]) return std::nullopt;
+    const char* text = [value UTF8String];
+    return text ? std::optional<std::string>(text) : std::nullopt;
+}
+
+} // namespace
+
 AppUpdater::AppUpdater(std::function<void()> changed) : impl_(std::make_unique<Impl>()) {
     impl_->changed = std::move(changed);
+    const UpdaterConfiguration configuration =
+        updaterConfiguration(infoString(@"SUFeedURL"), infoString(@"SUPublicEDKey"));
+    if (!configuration.shouldStart) {
+        impl_->unavailableReason = configuration.unavailableReason;
+        return;
+    }
     BMUpdaterDelegate* delegate = [[BMUpdaterDelegate alloc] init];
     delegate->owner = impl_.get();
     impl_->delegate = delegate;
@@ -61,24 +82,29 @@ AppUpdater::AppUpdater(std::function<void()> changed) : impl_(std::make_unique<I
 }
 
 AppUpdater::~AppUpdater() {
-    impl_->delegate->owner = nullptr;
+    if (impl_->delegate) impl_->delegate->owner = nullptr;
 }
 
 bool AppUpdater::canCheckForUpdates() const {
-    return impl_->controller.updater.canCheckForUpdates;
+    return impl_->controller && impl_->controller.updater.canCheckForUpdates;
 }
 
 void AppUpdater::checkForUpdates() {
-    [impl_->controller checkForUpdates:nil];
+    if (impl_->controller) [impl_->controller checkForUpdates:nil];
 }
 
 bool AppUpdater::automaticallyChecksForUpdates() const {
-    return impl_->controller.updater.automaticallyChecksForUpdates;
+    return impl_->controller && impl_->controller.updater.automaticallyChecksForUpdates;
 }
 
 void AppUpdater::setAutomaticallyChecksForUpdates(bool isOn) {
+    if (!impl_->controller) return;
     impl_->controller.updater.automaticallyChecksForUpdates = isOn;
     if (impl_->changed) impl_->changed();
+}
+
+std::string AppUpdater::unavailableReason() const {
+    return impl_->unavailableReason;
 }
 
 std::optional<std::string> AppUpdater::pendingVersion() const {

@@ -74,6 +74,9 @@ public:
     bool preflightPostEventAccess() const override { return canPost; }
     bool requestPostEventAccess() override;
     bool isAccessibilityTrusted() const override { return isTrusted || canPost; }
+
+    CaptureAccess captureAccess = CaptureAccess::granted;
+    CaptureAccess systemAudioCaptureAccess() const override { return captureAccess; }
 };
 
 class ScriptedLoginItem final : public LoginItem {
@@ -85,7 +88,13 @@ public:
     std::string failure;
     int settingsOpened = 0;
 
-    Status status() const override { return currentStatus; }
+    // Reading the status is a call into another process on a real system: counted.
+    mutable int statusReads = 0;
+
+    Status status() const override {
+        ++statusReads;
+        return currentStatus;
+    }
     void registerItem() override;
     void unregisterItem() override;
     void openSystemSettingsLoginItems() override { ++settingsOpened; }
@@ -132,6 +141,7 @@ public:
     bool canCheck = true;
     bool checksAutomatically = true;
     std::optional<std::string> pending;
+    std::string reason; // non-empty: this build cannot check
     int checks = 0;
 
     bool isAvailable() const override { return available; }
@@ -140,6 +150,7 @@ public:
     bool automaticallyChecksForUpdates() const override { return checksAutomatically; }
     void setAutomaticallyChecksForUpdates(bool isOn) override { checksAutomatically = isOn; }
     std::optional<std::string> pendingVersion() const override { return pending; }
+    std::string unavailableReason() const override { return reason; }
 };
 
 class RecordedHudPanel final : public HudPanel, public Screens {

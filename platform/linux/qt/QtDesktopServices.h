@@ -104,6 +104,7 @@ public:
     bool automaticallyChecksForUpdates() const override { return false; }
     void setAutomaticallyChecksForUpdates(bool) override {}
     std::optional<std::string> pendingVersion() const override { return std::nullopt; }
+    std::string unavailableReason() const override { return {}; }
 };
 
 // No key tap and no permission to ask for: the desktop owns the volume keys.
@@ -117,6 +118,8 @@ public:
     bool preflightPostEventAccess() const override { return false; }
     bool requestPostEventAccess() override { return false; }
     bool isAccessibilityTrusted() const override { return false; }
+    // PipeWire lets any client of the session read a sink's monitor.
+    CaptureAccess systemAudioCaptureAccess() const override { return CaptureAccess::notRequired; }
 };
 
 } // namespace brightmix
