@@ -296,6 +296,13 @@ void AppModel::enable() {
         return;
     }
     state_.errorMessage.reset();
+    if (services_.permissions.systemAudioCaptureAccess() == CaptureAccess::denied) {
+        // A tap would be created without error, mute the outputs and deliver silence.
+        refreshPermissions();
+        restoreDeviceUID_.reset();
+        failEnable(kCaptureDeniedMessage);
+        return;
+    }
     const std::optional<AudioDevice> defaultOutput = devices_.defaultOutputDevice();
     if (defaultOutput && defaultOutput->uid != selected->uid) {
         restoreDeviceUID_ = defaultOutput->uid;
@@ -619,6 +626,7 @@ void AppModel::applyMediaKeySettings(bool restart) {
     mediaKeys_.shouldSuppressSystemHUD = state_.replaceSystemHUD;
     mediaKeys_.update();
     state_.isReplacingSystemHUD = mediaKeys_.isSuppressingSystemHUD();
+    state_.isSystemHUDReplacementRefused = mediaKeys_.isFilteringRefused();
     if (wasSuppressing && !mediaKeys_.isSuppressingSystemHUD()) volumeHUD_.hide();
     followSystemVolume();
     state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
@@ -737,8 +745,12 @@ void AppModel::refreshPermissions() {
     const bool canPost = services_.permissions.preflightPostEventAccess();
     state_.hasMediaKeyPermission = canListen || canPost;
     state_.hasMediaKeyControlPermission = canPost;
+    const CaptureAccess reported = services_.permissions.systemAudioCaptureAccess();
+    state_.systemAudioCapture =
+        reported == CaptureAccess::unknown ? observedCaptureAccess_ : reported;
     state_.isMonitoringMediaKeys = mediaKeys_.hasTap() || systemVolumeTimer_ != 0;
     state_.isReplacingSystemHUD = mediaKeys_.isSuppressingSystemHUD();
+    state_.isSystemHUDReplacementRefused = mediaKeys_.isFilteringRefused();
 }
 
 void AppModel::setReplaceSystemHUD(bool isOn) {
@@ -768,6 +780,10 @@ void AppModel::openAccessibilitySettings() {
     services_.workspace.openURL(kAccessibilityURL);
 }
 
+void AppModel::openSystemAudioRecordingSettings() {
+    services_.workspace.openURL(kSystemAudioRecordingURL);
+}
+
 void AppModel::retryMediaKeys() {
     PublishScope publish(*this);
     applyMediaKeySettings(true);
@@ -775,6 +791,7 @@ void AppModel::retryMediaKeys() {
 }
 
 void AppModel::refreshLoginItemState() {
+    PublishScope publish(*this);
     const LoginItem::Status status = services_.loginItem.status();
     state_.launchAtLogin = status == LoginItem::Status::enabled;
     state_.launchAtLoginNeedsApproval = status == LoginItem::Status::requiresApproval;
@@ -921,11 +938,35 @@ void AppModel::automaticSwitchingTick() {
 
 // ---- Health ------------------------------------------------------------------------------------
 
+bool AppModel::mayLackCapturePermission() const {
+    const CaptureAccess access = services_.permissions.systemAudioCaptureAccess();
+    return access == CaptureAccess::unknown || access == CaptureAccess::denied;
+}
+
+void AppModel::noteCaptureEvidence() {
+    if (!audioHealth_.hasDeliveredSound || observedCaptureAccess_ == CaptureAccess::granted) return;
+    observedCaptureAccess_ = CaptureAccess::granted;
+    refreshPermissions();
+}
+
 void AppModel::healthCheck() {
     const std::optional<AudioDevice> selected = selectedDevice();
     const std::string error = state_.errorMessage.value_or("");
     const bool shouldFallBack =
         audioHealth_.poll({*engine_, devices_, selected, defaults_, error, services_.loop.now()});
+    noteCaptureEvidence();
+    if (!shouldFallBack && audioHealth_.hasCompatibilityCaptureStayedSilent(*engine_) &&
+        mayLackCapturePermission()) {
+        // The compatibility capture needs the same permission as the tap before it: without
+        // it the Mac stays silent for as long as the router runs. Switch off the way a failed
+        // fallback does, so the multi-output device plays by itself again.
+        disable(false);
+        state_.errorMessage = kCaptureSilentMessage;
+        appendDiagnostic("switched off: neither capture delivered sound");
+        observedCaptureAccess_ = CaptureAccess::denied;
+        refreshPermissions();
+        return;
+    }
     if (!shouldFallBack || !selected) return;
     state_.isEnabled = false;
     if (const std::optional<std::string> message = audioHealth_.fallBack(*engine_, *selected)) {
@@ -949,7 +990,6 @@ void AppModel::tick() {
     const std::optional<AudioDevice> previousRecord = selectedDevice();
     const std::vector<AudioDevice> previousChildren = state_.childDevices;
     refreshDevices(false);
-    refreshLoginItemState();
     applyMediaKeySettings();
 
     // Step 5 looks at the state before the automatic-switching and health steps: a switch

@@ -102,7 +102,13 @@ struct AppModelState {
     bool hasMediaKeyControlPermission = false;
     bool isMonitoringMediaKeys = false;
     bool isReplacingSystemHUD = false;
+    // The system refused the filtering key tap though Accessibility is granted: the keys are
+    // only listened to, and the system's indicator cannot be replaced for now.
+    bool isSystemHUDReplacementRefused = false;
     bool isUsingCompatibilityCapture = false;
+    // The permission the router's tap needs: what the system says, or where it cannot say,
+    // what this run observed (sound heard: granted; no sound from either capture: denied).
+    CaptureAccess systemAudioCapture = CaptureAccess::unknown;
     bool replaceSystemHUD = true;
     double volume = AppSettings::kDefaultVolume;
     bool isMuted = false;
@@ -135,6 +141,19 @@ public:
         "x-apple.systempreferences:com.apple.preference.security?Privacy_ListenEvent";
     inline static const std::string kAccessibilityURL =
         "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility";
+    inline static const std::string kSystemAudioRecordingURL =
+        "x-apple.systempreferences:com.apple.preference.security?Privacy_ScreenCapture";
+    // The capture permission is known to be denied: the router is not even started.
+    inline static const std::string kCaptureDeniedMessage =
+        "Brightmix isn’t allowed to hear the sound your Mac plays, so it stayed off. Allow "
+        "Brightmix under System Settings → Privacy & Security → Screen & System Audio "
+        "Recording, then switch it on again.";
+    // Neither capture ever carried sound while another app played: most likely the permission
+    // is missing (pending or denied), and the muting tap would otherwise leave the Mac silent.
+    inline static const std::string kCaptureSilentMessage =
+        "Brightmix heard no sound from your Mac, so it switched off to restore ordinary "
+        "Multi-Output playback. Allow Brightmix under System Settings → Privacy & Security → "
+        "Screen & System Audio Recording, then switch it on again.";
     inline static const std::string kProductName = "Brightmix";
 
     static constexpr double kRefreshInterval = 1.0;
@@ -205,10 +224,14 @@ public:
     void refreshPermissions();
     void openInputMonitoringSettings();
     void openAccessibilitySettings();
+    void openSystemAudioRecordingSettings();
     // Stops and restarts the key monitor ("Retry volume keys").
     void retryMediaKeys();
     void setLaunchAtLogin(bool isOn);
     void openLoginItemsSettings() { services_.loginItem.openSystemSettingsLoginItems(); }
+    // Reads the login item's state (a call into another process: at start-up, when the panel
+    // opens and after a change, never on every tick).
+    void refreshLoginItemState();
 
     // ---- Recording ----------------------------------------------------------------------------
     void toggleRecording();
@@ -279,12 +302,14 @@ private:
     void writeSystemVolume();
     std::optional<double> readSystemVolume() const;
     void handleMediaKey(MediaVolumeKey key);
-    void refreshLoginItemState();
 
     void automaticSwitchingTick();
     void resetAutomaticSwitching();
     void setIdleStatus();
     void healthCheck();
+    // Whether silence from both captures may be the capture permission's doing.
+    bool mayLackCapturePermission() const;
+    void noteCaptureEvidence();
 
     void startRecording();
     void continueRecordingStart(const std::optional<std::string>& folder,
@@ -318,6 +343,8 @@ private:
     std::optional<double> systemVolume_;
     std::optional<std::pair<double, double>> pendingSystemVolume_;
     double lastAudibleVolume_ = AppSettings::kDefaultVolume;
+    // What this run has seen of the capture permission where the system cannot be asked.
+    CaptureAccess observedCaptureAccess_ = CaptureAccess::unknown;
     int publishDepth_ = 0;
     // Work queued on the main loop holds this weakly and does nothing once the model is gone.
     std::shared_ptr<AppModel*> self_;

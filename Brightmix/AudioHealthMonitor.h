@@ -59,6 +59,13 @@ struct AudioHealthMonitor {
     // answers whether to fall back to the compatibility capture now (then call fallBack).
     bool poll(const PollInput& input);
 
+    // The compatibility capture has run through as many silent polls (router running, another
+    // app playing) as the fallback waits for, and has never carried signal since it started.
+    bool hasCompatibilityCaptureStayedSilent(const SoftwareVolumeEngine& engine) const {
+        return engine.isUsingCompatibilityCapture() && !hasDeliveredSound &&
+               silentActivePollCount >= kSilentPollsBeforeFallback;
+    }
+
     // The report as written under "diagnosticsReport" (the engine's details plus the
     // monitor's view); exposed for the app model's diagnostics.
     static PropertyList::Dictionary report(SoftwareVolumeEngine& engine, std::uint64_t callbacks,

@@ -53,16 +53,24 @@ void MediaKeyMonitor::update() {
             return;
         }
         wanted = EventTapMode::listening;
+        isFilteringRefused_ = false;
         if (tap_ != 0 && !isSuppressingSystemHUD_) return;
     }
     start(wanted);
-    if (tap_ == 0 && wanted == EventTapMode::filtering) start(EventTapMode::listening);
+    isFilteringRefused_ = false;
+    if (tap_ == 0 && wanted == EventTapMode::filtering) {
+        // A menu-bar agent can be refused a filtering tap even with Accessibility granted;
+        // listening still moves the volume, but the system's indicator stays.
+        start(EventTapMode::listening);
+        isFilteringRefused_ = tap_ != 0;
+    }
 }
 
 void MediaKeyMonitor::stop() {
     if (tap_ != 0) eventTap_.invalidate(tap_);
     tap_ = 0;
     isSuppressingSystemHUD_ = false;
+    isFilteringRefused_ = false;
 }
 
 void MediaKeyMonitor::start(EventTapMode mode) {

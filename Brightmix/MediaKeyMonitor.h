@@ -68,6 +68,8 @@ public:
 
     bool hasTap() const { return tap_ != 0; }
     bool isSuppressingSystemHUD() const { return isSuppressingSystemHUD_; }
+    // The tap listens only because the system refused the filtering one it was meant to be.
+    bool isFilteringRefused() const { return isFilteringRefused_; }
 
     // The tap callback: answers true to swallow the event.
     bool tapCallback(const TapEvent& event);
@@ -83,6 +85,7 @@ private:
     MainLoop& loop_;
     EventTap::TapID tap_ = 0;
     bool isSuppressingSystemHUD_ = false;
+    bool isFilteringRefused_ = false;
     // Queued key presses hold this weakly, so that they do nothing once the monitor is gone.
     std::shared_ptr<MediaKeyMonitor*> self_;
 };

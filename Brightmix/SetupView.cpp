@@ -33,6 +33,10 @@ void SetupView::openAccessibility() {
     poll();
 }
 
+void SetupView::openSystemAudioRecording() {
+    model_.openSystemAudioRecordingSettings();
+}
+
 void SetupView::restart() {
     if (model_.workspace().relaunch()) model_.workspace().terminate();
 }
@@ -46,17 +50,28 @@ bool SetupView::isAccessibilityGranted() const {
 }
 
 std::vector<PermissionRow> SetupView::rows() const {
+    const CaptureAccess capture = model_.state().systemAudioCapture;
     return {{"Input Monitoring",
              "Lets the volume keys reach Brightmix so they can move its volume.",
              isInputMonitoringGranted(),
              "Open Input Monitoring Settings",
-             {"setupOpenInputMonitoring", {}}},
+             {"setupOpenInputMonitoring", {}},
+             false},
             {"Accessibility",
              "Replaces the macOS volume indicator with Brightmix’s own. Without it macOS still "
              "shows its indicator, and it will not move.",
              isAccessibilityGranted(),
              "Open Accessibility Settings",
-             {"setupOpenAccessibility", {}}}};
+             {"setupOpenAccessibility", {}},
+             false},
+            {"System Audio Recording",
+             "Lets Brightmix hear what your Mac plays, so that it can set the volume of each "
+             "output. macOS asks the first time Brightmix switches on. Without it the outputs "
+             "go quiet and Brightmix switches itself off again.",
+             capture == CaptureAccess::granted || capture == CaptureAccess::notRequired,
+             "Open System Audio Recording Settings",
+             {"setupOpenSystemAudioRecording", {}},
+             capture == CaptureAccess::unknown}};
 }
 
 namespace {
@@ -68,13 +83,17 @@ ui::Node doneItButton(const std::string& key) {
 
 ui::Node rowNode(const PermissionRow& row, const std::string& key, std::vector<ui::Node> extra) {
     std::vector<ui::Node> children{
-        ui::row(key + ".head",
-                {ui::text(key + ".title", row.title, ui::TextRole::headline),
-                 ui::spacer(key + ".space"),
-                 ui::image(key + ".state.symbol",
-                           row.isGranted ? "checkmark.circle.fill" : "exclamationmark.circle.fill"),
-                 ui::text(key + ".state", row.isGranted ? "Granted" : "Not granted",
-                          ui::TextRole::status)}),
+        ui::row(key + ".head", {ui::text(key + ".title", row.title, ui::TextRole::headline),
+                                ui::spacer(key + ".space"),
+                                ui::image(key + ".state.symbol",
+                                          row.isGranted       ? "checkmark.circle.fill"
+                                          : row.isUnconfirmed ? "questionmark.circle"
+                                                              : "exclamationmark.circle.fill"),
+                                ui::text(key + ".state",
+                                         row.isGranted       ? "Granted"
+                                         : row.isUnconfirmed ? "Not confirmed yet"
+                                                             : "Not granted",
+                                         ui::TextRole::status)}),
         ui::text(key + ".detail", row.detail, ui::TextRole::help)};
     for (ui::Node& node : extra)
         children.push_back(std::move(node));
@@ -157,6 +176,18 @@ ui::Node SetupView::body() const {
                                                 "gearshape", accessibility.perform));
     }
 
+    const PermissionRow& capture = permissionRows[2];
+    std::vector<ui::Node> captureExtra;
+    if (!capture.isGranted) {
+        captureExtra.push_back(ui::text("capture.where",
+                                        "In Privacy & Security → Screen & System Audio Recording, "
+                                        "switch on Brightmix under System Audio Recording Only, "
+                                        "then switch Brightmix on again.",
+                                        ui::TextRole::help));
+        captureExtra.push_back(
+            ui::button("capture.open", capture.action, "gearshape", capture.perform));
+    }
+
     const bool isAllGranted = input.isGranted && accessibility.isGranted;
     return ui::window(
         "setup", "Set Up Brightmix",
@@ -168,6 +199,7 @@ ui::Node SetupView::body() const {
                              "Brightmix fills that gap, and needs two permissions to do it.")}),
          rowNode(input, "input", std::move(inputExtra)),
          rowNode(accessibility, "accessibility", std::move(accessibilityExtra)),
+         rowNode(capture, "capture", std::move(captureExtra)),
          ui::text("footer",
                   isAllGranted ? "Permissions are granted. You’re all set."
                                : "Brightmix restarts to pick up new permissions. Skip for now "

@@ -1,6 +1,7 @@
 // The "Set Up Brightmix" window: it walks the user through Input Monitoring (the volume keys
 // reach the program) and Accessibility (the keys can be swallowed and the own indicator
-// shown), polls the permissions once a second while open, and ends by restarting the
+// shown), shows where System Audio Recording (the router hears the Mac at all) is granted,
+// polls the permissions once a second while open, and ends by restarting the
 // program, since the system hands a new permission over only at the next start.
 // `SetupLauncher` decides whether the window opens at launch.
 //
@@ -36,6 +37,9 @@ struct PermissionRow {
     bool isGranted = false;
     std::string action; // the button's title
     ui::Action perform;
+    // Neither granted nor known to be missing: the system cannot be asked, and nothing this
+    // run has heard tells yet.
+    bool isUnconfirmed = false;
 };
 
 class SetupView {
@@ -51,6 +55,7 @@ public:
     void poll();
     void openInputMonitoring();
     void openAccessibility();
+    void openSystemAudioRecording();
     // "I’ve Done It": starts a new instance and quits this one.
     void restart();
 

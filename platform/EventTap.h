@@ -50,7 +50,17 @@ public:
     virtual void invalidate(TapID tap) = 0;
 };
 
-// The privacy permissions the volume keys and the indicator need.
+// What the system says about the permission to capture other programs' sound (System Audio
+// Recording on macOS), which the router's tap needs: without it a tap is created without
+// error and delivers silence.
+enum class CaptureAccess {
+    notRequired, // the system has no such permission
+    granted,
+    denied,
+    unknown, // the system cannot be asked (macOS offers no public query)
+};
+
+// The privacy permissions the volume keys, the indicator and the router's tap need.
 class Permissions {
 public:
     virtual ~Permissions() = default;
@@ -61,6 +71,7 @@ public:
     virtual bool preflightPostEventAccess() const = 0;
     virtual bool requestPostEventAccess() = 0;
     virtual bool isAccessibilityTrusted() const = 0;
+    virtual CaptureAccess systemAudioCaptureAccess() const = 0;
 };
 
 } // namespace brightmix

@@ -151,6 +151,7 @@ public:
     }
 
     void showPanel() {
+        app_.panelWillOpen();
         redraw();
         if (hasTray_ && tray_) {
             const QRect icon = tray_->geometry();

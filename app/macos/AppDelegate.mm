@@ -93,6 +93,7 @@ public:
             [popover_ performClose:nil];
             return;
         }
+        app_.panelWillOpen();
         redraw();
         [NSApp activate];
         [popover_ showRelativeToRect:statusItem_.button.bounds

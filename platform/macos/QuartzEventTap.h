@@ -39,6 +39,9 @@ public:
     bool preflightPostEventAccess() const override;
     bool requestPostEventAccess() override;
     bool isAccessibilityTrusted() const override;
+    // macOS offers no public way to ask about System Audio Recording: unknown, always. A
+    // denied or pending permission shows only as a tap that delivers silence.
+    CaptureAccess systemAudioCaptureAccess() const override { return CaptureAccess::unknown; }
 };
 
 } // namespace brightmix

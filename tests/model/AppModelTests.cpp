@@ -373,9 +373,17 @@ TEST_F(AppModelFixture, LaunchAtLoginRegistersAndReportsFailuresWithTheMoveHint)
     model->setLaunchAtLogin(true);
     EXPECT_TRUE(state().launchAtLoginNeedsApproval);
     EXPECT_EQ(loginItem.settingsOpened, 1);
+    // Approved in System Settings: seen when the panel next opens, not by polling the login
+    // item service every second.
     loginItem.currentStatus = LoginItem::Status::enabled;
+    const int reads = loginItem.statusReads;
     tick();
-    EXPECT_TRUE(state().launchAtLogin) << "read back every tick";
+    tick();
+    EXPECT_EQ(loginItem.statusReads, reads);
+    EXPECT_FALSE(state().launchAtLogin);
+    model->refreshLoginItemState();
+    EXPECT_TRUE(state().launchAtLogin);
+    EXPECT_FALSE(state().launchAtLoginNeedsApproval);
 }
 
 TEST_F(AppModelFixture, AutomaticSwitchingPicksTheAppsOutputAfterTwoTicks) {

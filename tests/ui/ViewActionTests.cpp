@@ -88,6 +88,55 @@ TEST_F(UIFixture, UpdateEntriesAreHiddenWithoutAnUpdater) {
     EXPECT_FALSE(ui::findNode(panel, "callout.checkForUpdates"));
 }
 
+TEST_F(UIFixture, UpdateEntriesOfABuildWithoutUpdateKeyAreDisabledWithTheReason) {
+    updater.reason = "Updates are not configured for this build of Brightmix.";
+    start();
+    const ui::Node panel = app->panel();
+    for (const char* key : {"options.check-updates", "options.auto-updates"}) {
+        const ui::MenuEntry* entry = ui::findMenuEntry(panel, key);
+        ASSERT_TRUE(entry) << key;
+        EXPECT_FALSE(entry->isEnabled) << key;
+        EXPECT_EQ(entry->help, updater.reason) << key;
+    }
+    // Even an action that arrives anyway does nothing.
+    app->perform({{"checkForUpdates", {}}, std::nullopt});
+    app->perform({{"setAutomaticallyChecksForUpdates", {}}, std::string("false")});
+    EXPECT_EQ(updater.checks, 0);
+    EXPECT_TRUE(updater.checksAutomatically);
+}
+
+TEST_F(UIFixture, AListenOnlyKeyTapTurnsTheIndicatorOptionIntoAnExplanation) {
+    permissions.canPost = true; // Accessibility granted, and still the filtering tap is refused
+    tap.setRefused(EventTapMode::filtering, true);
+    start();
+    press("output", "M");
+    press("enabled", "true");
+    EXPECT_TRUE(state().isMonitoringMediaKeys);
+    ui::Node panel = app->panel();
+    const ui::MenuEntry* option = ui::findMenuEntry(panel, "options.replace-hud");
+    ASSERT_TRUE(option);
+    EXPECT_FALSE(option->isEnabled);
+    EXPECT_EQ(option->help, BrightmixMenuView::kHUDReplacementRefusedHelp);
+
+    // Once the system allows the filtering tap, the setting is offered again.
+    tap.setRefused(EventTapMode::filtering, false);
+    model->retryMediaKeys();
+    panel = app->panel();
+    option = ui::findMenuEntry(panel, "options.replace-hud");
+    ASSERT_TRUE(option);
+    EXPECT_TRUE(option->isEnabled);
+    EXPECT_TRUE(state().isReplacingSystemHUD);
+}
+
+TEST_F(UIFixture, OpeningThePanelReadsTheLoginItemState) {
+    start();
+    loginItem.currentStatus = LoginItem::Status::requiresApproval;
+    tick();
+    EXPECT_FALSE(ui::findNode(app->panel(), "callout.openLoginItems"));
+    app->panelWillOpen();
+    EXPECT_TRUE(ui::findNode(app->panel(), "callout.openLoginItems"));
+}
+
 TEST_F(UIFixture, ResetAsksFirstAndCancelKeepsEverything) {
     start();
     model->setVolume(0.3);

@@ -177,6 +177,8 @@ TEST_F(UIFixture, DeviceLabelsWindow) {
 
 TEST_F(UIFixture, SetupWindowThroughItsSteps) {
     permissions.canListen = false;
+    // As on a Mac: the capture permission cannot be asked about.
+    permissions.captureAccess = CaptureAccess::unknown;
     start();
     app->launch();
     ASSERT_TRUE(app->isWindowOpen("setup")) << "a permission is missing";
@@ -187,6 +189,8 @@ TEST_F(UIFixture, SetupWindowThroughItsSteps) {
     workspace.setFrontmostApplication("com.apple.systempreferences");
     loop.advance(1.0);
     expectWindow("setup", "setup-waiting");
+    press("capture.open");
+    EXPECT_EQ(workspace.actions().back(), "open-url " + AppModel::kSystemAudioRecordingURL);
     press("accessibility.open");
     EXPECT_EQ(permissions.postRequests, 1);
     expectWindow("setup", "setup-accessibility-steps");
