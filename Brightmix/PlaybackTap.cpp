@@ -93,7 +93,9 @@ void PlaybackTap::build(const std::string& appName) {
     }
     throwIfError(procStatus, "Preparing the playback meter for " + appName);
 
-    throwIfError(hardware_.startDevice(aggregateID_, ioProcID_),
+    // The aggregate starts only when the app delivers audio, which the poll on the main
+    // thread must not wait for: a start that never comes shows as an IOProc without cycles.
+    throwIfError(hardware_.startDeviceWithoutWaiting(aggregateID_, ioProcID_),
                  "Starting playback detection for " + appName);
 }
 

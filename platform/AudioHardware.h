@@ -117,6 +117,15 @@ public:
                                     AudioDeviceIOProcID* procID) = 0;
     virtual OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
+    // Starts an IOProc without making the caller wait for it. Some starts are held back by the
+    // system: an aggregate made with the tap auto-start key starts only once a tapped process
+    // delivers its first audio, which may be never; the main thread must not wait on an app.
+    // The answer says only whether the start could be asked for; a start the system refuses
+    // later shows as a device that runs no cycles. Stopping such an IOProc before its start
+    // went through cancels the start. Backends whose starts never wait start at once.
+    virtual OSStatus startDeviceWithoutWaiting(AudioObjectID device, AudioDeviceIOProcID procID) {
+        return startDevice(device, procID);
+    }
     virtual OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
 };
 

@@ -7,6 +7,7 @@
 #include "Brightmix/AppPlaybackMonitor.h"
 #include "Brightmix/AudioDeviceError.h"
 #include "Brightmix/AudioRecording.h"
+#include "platform/sim/HeldStartHardware.h"
 #include "platform/sim/ScriptedWorkspace.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 #include "platform/sim/VirtualMainLoop.h"
@@ -413,6 +414,38 @@ TEST_F(AppPlaybackMonitorTests, PollsWhileRealIOThreadsCount) {
     EXPECT_EQ(total, (BundleIDSet{kPlayer, kRadio}));
     monitor.stop();
     expectNothingLeft();
+}
+
+} // namespace
+} // namespace brightmix
+
+namespace brightmix {
+namespace {
+
+// Core Audio holds the start of an auto-start aggregate until a tapped app delivers audio:
+// the poll, on the main thread, must never be the one that waits.
+TEST(AppPlaybackMonitorHeldStarts, ThePollNeverWaitsForAnAppsFirstAudio) {
+    SimulatedAudioHardware sim;
+    HeldStartHardware system(sim);
+    AudioDeviceService devices{system};
+    VirtualMainLoop loop;
+    ScriptedWorkspace workspace;
+    AppPlaybackMonitor monitor{devices, loop, workspace};
+    for (const auto& [pid, bundleID] : {std::pair{501, kPlayer}, std::pair{502, kRadio}}) {
+        sim.addProcess({pid, bundleID, true});
+        workspace.setRunningApplication(pid, "/Applications/" + bundleID + ".app", bundleID);
+        workspace.setBundleIdentifier("/Applications/" + bundleID + ".app", bundleID);
+        sim.setProcessAudio(pid, [](std::uint64_t, UInt32) { return 0.5f; });
+    }
+    const std::vector<AppOutputRule> rules = {{kPlayer, "Player", "out-1", "Desk"},
+                                              {kRadio, "Radio", "out-2", "Kitchen"}};
+    EXPECT_EQ(monitor.poll(rules), BundleIDSet{});
+    ASSERT_EQ(monitor.tapCount(), 2u);
+    EXPECT_EQ(system.heldStarts(), 0u) << "a detection start went through the waiting call";
+    // The starts did go through: the taps run and hear their apps.
+    for (const std::string& bundleID : {kPlayer, kRadio})
+        EXPECT_EQ(sim.pumpCycle(monitor.tap(bundleID)->aggregateID(), 48000), 1u) << bundleID;
+    EXPECT_EQ(monitor.poll(rules), (BundleIDSet{kPlayer, kRadio}));
 }
 
 } // namespace
