@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <utility>
 
@@ -155,12 +157,14 @@ void SoftwareVolumeEngine::start(const AudioDevice& device, AudioCaptureMode mod
 
         checkSampleFormats();
         layOutSlotsAndPushParameters(device);
+        const std::int64_t memberInputs = locateTapBuffers(members);
 
         AudioDeviceIOProcID createdProc = nullptr;
         status = hardware_.createIOProcID(aggregateID_, &SoftwareVolumeEngine::ioProc, &ioContext_,
                                           &createdProc);
         if (status == 0) ioProcID_ = createdProc;
         throwIfError(status, "Preparing the audio router");
+        if (memberInputs > 0) switchOffMemberInputs(memberInputs);
 
         throwIfError(hardware_.startDevice(aggregateID_, ioProcID_), "Starting the audio router");
     } catch (...) {
@@ -207,6 +211,61 @@ void SoftwareVolumeEngine::layOutSlotsAndPushParameters(const AudioDevice& devic
         applyEqualizer(equalizerOf(member.uid), range);
         cursor = range.upperBound;
     }
+}
+
+std::int64_t SoftwareVolumeEngine::locateTapBuffers(const std::vector<AudioDevice>& members) {
+    // The aggregate lists every member's own input streams (a headset's or a display's
+    // microphone) before the tap's, even though each member entry asks for no input channels.
+    std::int64_t memberInputs = 0;
+    for (const AudioDevice& member : members)
+        memberInputs += std::max<std::int64_t>(
+            0, devices_.bufferCount(member.id, kAudioObjectPropertyScopeInput));
+    const std::int64_t inputs = devices_.bufferCount(aggregateID_, kAudioObjectPropertyScopeInput);
+    if (inputs <= memberInputs)
+        throw AudioDeviceError::unavailable("The system audio tap did not reach the audio router.");
+
+    const std::int64_t tapBuffers = inputs - memberInputs;
+    tapViewStorage_.assign(std::size_t(tapBuffers) + 1, AudioBuffer{});
+    ioContext_.tapFirstBuffer = UInt32(memberInputs);
+    ioContext_.tapBufferCount = UInt32(tapBuffers);
+    ioContext_.tapView = reinterpret_cast<AudioBufferList*>(tapViewStorage_.data());
+    return memberInputs;
+}
+
+void SoftwareVolumeEngine::switchOffMemberInputs(std::int64_t memberInputs) {
+    // Left on, a member's input stream is a microphone this program opens: the system asks
+    // for (or refuses) microphone access, and a Bluetooth headset drops to its call profile.
+    // The tap's own streams stay on.
+    const char* const operation = "Preparing the audio router";
+    const AudioObjectPropertyAddress address{kAudioDevicePropertyIOProcStreamUsage,
+                                             kAudioObjectPropertyScopeInput,
+                                             kAudioObjectPropertyElementMain};
+    const std::size_t streams = std::size_t(memberInputs) + ioContext_.tapBufferCount;
+    UInt32 reported = 0;
+    throwIfError(hardware_.getPropertyDataSize(aggregateID_, address, 0, nullptr, &reported),
+                 operation);
+    const std::size_t size = std::max<std::size_t>(reported, ioProcStreamUsageSize(streams));
+    // 8-byte slots: the payload starts with a pointer.
+    std::vector<std::uint64_t> storage((size + 7) / 8, 0);
+    auto* usage = reinterpret_cast<AudioHardwareIOProcStreamUsage*>(storage.data());
+    usage->mIOProc = ioProcID_;
+    UInt32 ioSize = UInt32(size);
+    throwIfError(hardware_.getPropertyData(aggregateID_, address, 0, nullptr, &ioSize, usage),
+                 operation);
+    // A usage that does not list exactly the streams laid out cannot be trusted to leave the
+    // tap on and every microphone off.
+    if (usage->mNumberStreams != streams)
+        throwIfError(kAudioHardwareBadPropertySizeError, operation);
+
+    auto* flags = reinterpret_cast<unsigned char*>(storage.data()) +
+                  offsetof(AudioHardwareIOProcStreamUsage, mStreamIsOn);
+    for (std::size_t stream = 0; stream < streams; ++stream) {
+        const UInt32 isOn = stream < std::size_t(memberInputs) ? 0 : 1;
+        std::memcpy(flags + stream * sizeof(UInt32), &isOn, sizeof isOn);
+    }
+    throwIfError(hardware_.setPropertyData(aggregateID_, address, 0, nullptr,
+                                           UInt32(ioProcStreamUsageSize(streams)), usage),
+                 operation);
 }
 
 float SoftwareVolumeEngine::gainOf(const std::string& uid) const {
@@ -361,8 +420,26 @@ OSStatus SoftwareVolumeEngine::ioProc(AudioObjectID, const AudioTimeStamp*,
                                       void* clientData) {
     const auto* context = static_cast<const IOProcContext*>(clientData);
     if (!context) return 0;
-    RecordingTapWrite(context->recording, input);
-    ProcessingRender(input, output, context->processing);
+    const AudioBufferList* tap = input;
+    if (input && context->tapView && context->tapBufferCount > 0) {
+        const UInt32 listed = input->mNumberBuffers;
+        UInt32 first = context->tapFirstBuffer;
+        UInt32 count = context->tapBufferCount;
+        // The tap's streams always come last: a list that is not as laid out still ends
+        // with them.
+        if (listed != first + count) {
+            count = std::min(count, listed);
+            first = listed - count;
+        }
+        if (first != 0 || count != listed) {
+            context->tapView->mNumberBuffers = count;
+            for (UInt32 buffer = 0; buffer < count; ++buffer)
+                context->tapView->mBuffers[buffer] = input->mBuffers[first + buffer];
+            tap = context->tapView;
+        }
+    }
+    RecordingTapWrite(context->recording, tap);
+    ProcessingRender(tap, output, context->processing);
     return 0;
 }
 

@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Brightmix/AudioCaptureMode.h"
 #include "Brightmix/AudioDevice.h"
@@ -113,6 +114,7 @@ public:
     AudioObjectID tapID() const { return tapID_; }
     AudioObjectID aggregateID() const { return aggregateID_; }
     bool hasIOProc() const { return ioProcID_ != nullptr; }
+    AudioDeviceIOProcID ioProcID() const { return ioProcID_; }
     float crossoverHz() const { return crossoverHz_; }
     const std::map<std::string, float>& childGains() const { return childGains_; }
     const std::map<std::string, OutputPreset>& childPresets() const { return childPresets_; }
@@ -123,14 +125,20 @@ public:
         return outputBufferRanges_;
     }
 
-    // The IOProc's client data: the two blocks and nothing else, so a cycle can never reach
-    // the engine object.
+    // The IOProc's client data: the two blocks and where the tap sits in the input list,
+    // nothing else, so a cycle can never reach the engine object. The router's input list
+    // holds its members' own input streams first and the tap's last; `tapView` (room for
+    // `tapBufferCount` buffers, made on the control thread) is where a cycle lists the tap's
+    // buffers alone. Without a view the whole input is the tap.
     struct IOProcContext {
         ProcessingState* processing;
         RecordingTap* recording;
+        UInt32 tapFirstBuffer = 0;
+        UInt32 tapBufferCount = 0;
+        AudioBufferList* tapView = nullptr;
     };
-    // One IO cycle: recording tap first (the clean mix), then the render.
-    // Thread: render. Realtime-safe: yes.
+    // One IO cycle: the tap's buffers to the recording tap first (the clean mix), then to the
+    // render. Thread: render. Realtime-safe: yes.
     static OSStatus ioProc(AudioObjectID device, const AudioTimeStamp* now,
                            const AudioBufferList* input, const AudioTimeStamp* inputTime,
                            AudioBufferList* output, const AudioTimeStamp* outputTime,
@@ -140,6 +148,8 @@ private:
     std::vector<std::string> memberUIDs(const AudioDevice& device) const;
     void checkSampleFormats();
     void layOutSlotsAndPushParameters(const AudioDevice& device);
+    std::int64_t locateTapBuffers(const std::vector<AudioDevice>& members);
+    void switchOffMemberInputs(std::int64_t memberInputs);
     void applyGain(const std::string& uid);
     void applyRole(const std::string& uid);
     void applyEqualizer(EqualizerPreset preset, const SlotRange& range);
@@ -153,6 +163,8 @@ private:
     ProcessingState* gainState_ = nullptr;
     RecordingTap* recordingState_ = nullptr;
     IOProcContext ioContext_{};
+    // Backing store of ioContext_.tapView: AudioBuffer-sized slots keep the list aligned.
+    std::vector<AudioBuffer> tapViewStorage_;
     std::unique_ptr<AudioRecording> recording_;
     RecordingFinishedHandler onRecordingFinished_;
     AudioObjectID tapID_ = 0;

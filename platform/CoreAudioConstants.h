@@ -6,6 +6,7 @@
 // Thread: any. Realtime-safe: yes (constants only).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "realtime/CoreAudioShapes.h"
@@ -64,6 +65,10 @@ inline constexpr AudioObjectPropertySelector kAudioDevicePropertyVolumeScalar =
     fourCharCode("volm");
 inline constexpr AudioObjectPropertySelector kAudioDevicePropertyDeviceIsRunning =
     fourCharCode("goin");
+// Which of a device's streams in one direction reach one IOProc: an
+// AudioHardwareIOProcStreamUsage (below), in the input or output scope.
+inline constexpr AudioObjectPropertySelector kAudioDevicePropertyIOProcStreamUsage =
+    fourCharCode("suse");
 
 // Streams.
 inline constexpr AudioObjectPropertySelector kAudioStreamPropertyVirtualFormat =
@@ -192,6 +197,20 @@ inline constexpr OSStatus kExtAudioFileError_InvalidOperationOrder = -66565;
 inline constexpr OSStatus kExtAudioFileError_AsyncWriteTooLarge = -66569;
 inline constexpr OSStatus kExtAudioFileError_AsyncWriteBufferOverflow = -66570;
 inline constexpr OSStatus kAudioFormatUnsupportedDataFormatError = OSStatus(fourCharCode("fmt?"));
+
+// The payload of kAudioDevicePropertyIOProcStreamUsage, laid out as the system's own: the
+// IOProc, then one flag per stream of that direction (0 = off), really mNumberStreams of them,
+// so the whole value is ioProcStreamUsageSize(streams) bytes. On the boundary mIOProc holds
+// an AudioDeviceIOProcID, and a read needs it filled in before the call.
+struct AudioHardwareIOProcStreamUsage {
+    void* mIOProc;
+    UInt32 mNumberStreams;
+    UInt32 mStreamIsOn[1];
+};
+
+constexpr std::size_t ioProcStreamUsageSize(std::size_t streams) {
+    return offsetof(AudioHardwareIOProcStreamUsage, mStreamIsOn) + streams * sizeof(UInt32);
+}
 
 // Tap mute behaviour (CATapMuteBehavior).
 inline constexpr int kCATapUnmuted = 0;

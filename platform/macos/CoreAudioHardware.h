@@ -46,6 +46,8 @@ public:
                             AudioDeviceIOProcID* procID) override;
     OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) override;
     OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID procID) override;
+    // Hands the start to a serial queue of its own and answers at once.
+    OSStatus startDeviceWithoutWaiting(AudioObjectID device, AudioDeviceIOProcID procID) override;
     OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID procID) override;
 
 private:

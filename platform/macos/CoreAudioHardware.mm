@@ -4,15 +4,29 @@
 #include <CoreAudio/AudioHardwareTapping.h>
 #include <CoreAudio/CATapDescription.h>
 #include <Foundation/Foundation.h>
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <dispatch/dispatch.h>
+#include <memory>
 #include <unistd.h>
+#include <vector>
 
 #include "Brightmix/AudioDeviceError.h"
 #include "platform/macos/CFConversion.h"
 
-// The boundary's IOProc handle: the HAL's own, kept with the device it belongs to.
+// The boundary's IOProc handle: the HAL's own, kept with the device it belongs to, and for a
+// start handed to the start queue, the flag that cancels it.
 struct brightmix::AudioDeviceIOProcToken {
     ::AudioDeviceIOProcID halID = nullptr;
     AudioObjectID device = kAudioObjectUnknown;
+    std::shared_ptr<std::atomic<bool>> isStartCancelled;
+
+    void cancelPendingStart() const {
+        if (isStartCancelled) isStartCancelled->store(true);
+    }
 };
 
 namespace brightmix {
@@ -27,6 +41,40 @@ namespace {
 // The IOProc the core hands over has the HAL's signature exactly; it is given to the HAL as is,
 // so that nothing but the core's own code runs on the real-time thread.
 static_assert(sizeof(brightmix::AudioDeviceIOProc) == sizeof(::AudioDeviceIOProc));
+
+// The boundary's stream-usage selector and payload are the system's own.
+static_assert(brightmix::kAudioDevicePropertyIOProcStreamUsage ==
+              static_cast<UInt32>(::kAudioDevicePropertyIOProcStreamUsage));
+static_assert(sizeof(brightmix::AudioHardwareIOProcStreamUsage) ==
+              sizeof(::AudioHardwareIOProcStreamUsage));
+static_assert(offsetof(brightmix::AudioHardwareIOProcStreamUsage, mIOProc) ==
+              offsetof(::AudioHardwareIOProcStreamUsage, mIOProc));
+static_assert(offsetof(brightmix::AudioHardwareIOProcStreamUsage, mNumberStreams) ==
+              offsetof(::AudioHardwareIOProcStreamUsage, mNumberStreams));
+static_assert(offsetof(brightmix::AudioHardwareIOProcStreamUsage, mStreamIsOn) ==
+              offsetof(::AudioHardwareIOProcStreamUsage, mStreamIsOn));
+static_assert(sizeof(::AudioDeviceIOProcID) == sizeof(void*));
+
+constexpr std::size_t kUsageProcOffset = offsetof(::AudioHardwareIOProcStreamUsage, mIOProc);
+
+bool namesAnIOProc(const AudioObjectPropertyAddress& address, UInt32 size) {
+    return address.mSelector == kAudioDevicePropertyIOProcStreamUsage &&
+           size >= kUsageProcOffset + sizeof(void*);
+}
+
+// A copy of a stream-usage payload (8-byte slots: it starts with a pointer) whose mIOProc is
+// the HAL's IOProc ID instead of the boundary's token; the HAL knows nothing of tokens.
+std::vector<std::uint64_t> withHALProc(const void* data, UInt32 size) {
+    std::vector<std::uint64_t> copy((size + 7) / 8, 0);
+    std::memcpy(copy.data(), data, size);
+    void* token = nullptr;
+    std::memcpy(&token, reinterpret_cast<const char*>(copy.data()) + kUsageProcOffset,
+                sizeof token);
+    ::AudioDeviceIOProcID halID =
+        token ? static_cast<const AudioDeviceIOProcToken*>(token)->halID : nullptr;
+    std::memcpy(reinterpret_cast<char*>(copy.data()) + kUsageProcOffset, &halID, sizeof halID);
+    return copy;
+}
 
 NSArray<NSNumber*>* numbers(const std::vector<AudioObjectID>& processes) {
     NSMutableArray<NSNumber*>* result = [NSMutableArray arrayWithCapacity:processes.size()];
@@ -75,6 +123,19 @@ OSStatus CoreAudioHardware::getPropertyData(AudioObjectID object,
                                             UInt32 qualifierDataSize, const void* qualifierData,
                                             UInt32* ioDataSize, void* data) {
     const ::AudioObjectPropertyAddress halAddress = hal(address);
+    if (ioDataSize && data && namesAnIOProc(address, *ioDataSize)) {
+        const UInt32 capacity = *ioDataSize;
+        std::vector<std::uint64_t> payload = withHALProc(data, capacity);
+        const OSStatus status = AudioObjectGetPropertyData(
+            object, &halAddress, qualifierDataSize, qualifierData, ioDataSize, payload.data());
+        if (status != noErr) return status;
+        // The caller gets the flags with its own token back in mIOProc.
+        void* token = nullptr;
+        std::memcpy(&token, static_cast<const char*>(data) + kUsageProcOffset, sizeof token);
+        std::memcpy(data, payload.data(), std::min(*ioDataSize, capacity));
+        std::memcpy(static_cast<char*>(data) + kUsageProcOffset, &token, sizeof token);
+        return noErr;
+    }
     return AudioObjectGetPropertyData(object, &halAddress, qualifierDataSize, qualifierData,
                                       ioDataSize, data);
 }
@@ -84,6 +145,11 @@ OSStatus CoreAudioHardware::setPropertyData(AudioObjectID object,
                                             UInt32 qualifierDataSize, const void* qualifierData,
                                             UInt32 dataSize, const void* data) {
     const ::AudioObjectPropertyAddress halAddress = hal(address);
+    if (data && namesAnIOProc(address, dataSize)) {
+        const std::vector<std::uint64_t> payload = withHALProc(data, dataSize);
+        return AudioObjectSetPropertyData(object, &halAddress, qualifierDataSize, qualifierData,
+                                          dataSize, payload.data());
+    }
     return AudioObjectSetPropertyData(object, &halAddress, qualifierDataSize, qualifierData,
                                       dataSize, data);
 }
@@ -181,12 +247,13 @@ OSStatus CoreAudioHardware::createIOProcID(AudioObjectID device, AudioDeviceIOPr
     ::AudioDeviceIOProcID halID = nullptr;
     const OSStatus status = AudioDeviceCreateIOProcID(device, proc, clientData, &halID);
     if (status != noErr) return status;
-    *procID = new AudioDeviceIOProcToken{halID, device};
+    *procID = new AudioDeviceIOProcToken{halID, device, nullptr};
     return noErr;
 }
 
 OSStatus CoreAudioHardware::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) {
     if (!procID) return kAudioHardwareIllegalOperationError;
+    procID->cancelPendingStart();
     const OSStatus status = AudioDeviceDestroyIOProcID(device, procID->halID);
     if (status == noErr) delete procID;
     return status;
@@ -196,7 +263,29 @@ OSStatus CoreAudioHardware::startDevice(AudioObjectID device, AudioDeviceIOProcI
     return AudioDeviceStart(device, procID ? procID->halID : nullptr);
 }
 
+OSStatus CoreAudioHardware::startDeviceWithoutWaiting(AudioObjectID device,
+                                                      AudioDeviceIOProcID procID) {
+    if (!procID) return kAudioHardwareIllegalOperationError;
+    // AudioDeviceStart of an aggregate made with the tap auto-start key returns only once a
+    // tapped process delivers audio. One serial queue of its own takes those starts, so the
+    // main thread never waits on an app; stopping or destroying the IOProc first cancels a
+    // start that has not begun. A start that reaches the HAL after the IOProc is gone fails
+    // there and changes nothing.
+    static dispatch_queue_t queue = dispatch_queue_create(
+        "com.corvale.brightmix.device-start",
+        dispatch_queue_attr_make_with_qos_class(DISPATCH_QUEUE_SERIAL, QOS_CLASS_UTILITY, 0));
+    procID->cancelPendingStart();
+    auto isCancelled = std::make_shared<std::atomic<bool>>(false);
+    procID->isStartCancelled = isCancelled;
+    const ::AudioDeviceIOProcID halID = procID->halID;
+    dispatch_async(queue, ^{
+      if (!isCancelled->load()) AudioDeviceStart(device, halID);
+    });
+    return noErr;
+}
+
 OSStatus CoreAudioHardware::stopDevice(AudioObjectID device, AudioDeviceIOProcID procID) {
+    if (procID) procID->cancelPendingStart();
     return AudioDeviceStop(device, procID ? procID->halID : nullptr);
 }
 

@@ -83,6 +83,11 @@ struct SimulatedAudioHardware::Stream {
     bool isInput = false;
     UInt32 channels = 0;
     AudioStreamBasicDescription format{};
+    // A hardware input stream (a device's own, or a member's inside an aggregate): the device
+    // whose microphone it carries and the first of that device's input channels it holds.
+    // 0 for outputs and for a tap's stream.
+    AudioObjectID origin = 0;
+    UInt32 originChannel = 0;
 };
 
 struct SimulatedAudioHardware::PropertyFault {
@@ -103,6 +108,14 @@ struct SimulatedAudioHardware::IOState {
         std::uintptr_t token = 0;
         AudioDeviceIOProc proc = nullptr;
         void* clientData = nullptr;
+        // The proc's stream usage, per buffer (0 = off). While any stream is off the proc gets
+        // its own copy of the cycle's list, prepared here, with that buffer's data null.
+        std::vector<UInt32> inputIsOn;
+        std::vector<UInt32> outputIsOn;
+        bool hasInputOff = false;
+        bool hasOutputOff = false;
+        std::vector<AudioBuffer> inputList;
+        std::vector<AudioBuffer> outputList;
     };
 
     std::mutex mutex; // held for a whole cycle, so stopping waits for one in flight
@@ -111,9 +124,12 @@ struct SimulatedAudioHardware::IOState {
     UInt32 lastFrames = 0;
     AudioObjectID device = 0;
 
-    std::vector<UInt32> inputChannels; // per input buffer
-    std::vector<int> inputSource;      // per input buffer: tap source index, or -1
+    std::vector<UInt32> inputChannels;     // per input buffer
+    std::vector<int> inputSource;          // per input buffer: tap source index, or -1
+    std::vector<int> inputMicrophone;      // per input buffer: microphones index, or -1
+    std::vector<UInt32> inputFirstChannel; // per input buffer: its origin's first channel
     std::vector<TapSource> tapSources;
+    std::vector<Generator> microphones;
     std::vector<UInt32> outputChannels; // per output buffer
     bool isSilent = false;
 
@@ -188,7 +204,18 @@ struct SimulatedAudioHardware::IOProc {
     AudioDeviceIOProc proc = nullptr;
     void* clientData = nullptr;
     bool isStarted = false;
+    // 'suse' per stream of the device, input and output; every stream starts switched on.
+    std::vector<UInt32> inputUsage;
+    std::vector<UInt32> outputUsage;
 };
+
+namespace {
+
+bool anyOff(const std::vector<UInt32>& usage) {
+    return std::find(usage.begin(), usage.end(), 0u) != usage.end();
+}
+
+} // namespace
 
 // ---- Construction -----------------------------------------------------------------------
 
@@ -260,8 +287,14 @@ AudioObjectID SimulatedAudioHardware::addDevice(const DeviceSpec& setup) {
     }
     for (const UInt32 channels : setup.outputStreams)
         addStream(*device, false, channels, floatFormat(setup.sampleRate, channels));
-    for (const UInt32 channels : setup.inputStreams)
-        addStream(*device, true, channels, floatFormat(setup.sampleRate, channels));
+    UInt32 inputChannel = 0;
+    for (const UInt32 channels : setup.inputStreams) {
+        Stream& stream = streams_.at(
+            addStream(*device, true, channels, floatFormat(setup.sampleRate, channels)));
+        stream.origin = device->id;
+        stream.originChannel = inputChannel;
+        inputChannel += channels;
+    }
     const AudioObjectID id = device->id;
     devices_[id] = std::move(device);
     sceneChanged();
@@ -324,6 +357,7 @@ void SimulatedAudioHardware::removeDevice(AudioObjectID id) {
     for (const AudioObjectID stream : device.inputStreams)
         streams_.erase(stream);
     devices_.erase(found);
+    inputAudio_.erase(id);
     for (auto& [processID, process] : processes_)
         std::erase(process.devices, id);
     fallBackDefaults();
@@ -469,6 +503,15 @@ void SimulatedAudioHardware::setProcessAudio(std::int32_t pid, Generator generat
         processAudio_[pid] = std::move(generator);
     else
         processAudio_.erase(pid);
+    sceneChanged();
+}
+
+void SimulatedAudioHardware::setInputAudio(AudioObjectID id, Generator generator) {
+    require(findDevice(id), "setInputAudio: no such device");
+    if (generator)
+        inputAudio_[id] = std::move(generator);
+    else
+        inputAudio_.erase(id);
     sceneChanged();
 }
 
@@ -685,7 +728,8 @@ bool SimulatedAudioHardware::objectHasProperty(AudioObjectID object,
                selector == kAudioHardwarePropertyTapList;
     }
     if (const Device* device = findDevice(object)) {
-        if (selector == kAudioDevicePropertyStreamConfiguration)
+        if (selector == kAudioDevicePropertyStreamConfiguration ||
+            selector == kAudioDevicePropertyIOProcStreamUsage)
             return isDirectionalScope(address.mScope);
         if (selector == kAudioDevicePropertyDeviceUID ||
             selector == kAudioDevicePropertyTransportType ||
@@ -940,7 +984,9 @@ bool SimulatedAudioHardware::settable(AudioObjectID object,
         return selector == kAudioHardwarePropertyDefaultOutputDevice ||
                selector == kAudioHardwarePropertyDefaultInputDevice;
     if (const Device* device = findDevice(object)) {
-        if (selector == kAudioDevicePropertyNominalSampleRate) return true;
+        if (selector == kAudioDevicePropertyNominalSampleRate ||
+            selector == kAudioDevicePropertyIOProcStreamUsage)
+            return true;
         if (selector == kAudioDevicePropertyVolumeScalar)
             return device->settableVolumeElements.contains(address.mElement);
         if (selector == kAudioAggregateDevicePropertyComposition)
@@ -981,6 +1027,14 @@ OSStatus SimulatedAudioHardware::getPropertyDataSize(AudioObjectID object,
         *dataSize = kCFReferenceSize;
         return kAudioHardwareNoError;
     }
+    if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        const Device& device = *findDevice(object);
+        *dataSize = static_cast<UInt32>(ioProcStreamUsageSize(
+            (address.mScope == kAudioObjectPropertyScopeInput ? device.inputStreams
+                                                              : device.outputStreams)
+                .size()));
+        return kAudioHardwareNoError;
+    }
     std::vector<std::uint8_t> bytes;
     bool isVariable = false;
     if (const OSStatus status =
@@ -1004,6 +1058,8 @@ OSStatus SimulatedAudioHardware::getPropertyData(AudioObjectID object,
         dataOverrides_.contains({object, address.mSelector, address.mScope, address.mElement});
     if (isCFProperty(object, address) && !isOverridden)
         return kAudioHardwareUnsupportedOperationError;
+    if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage)
+        return readStreamUsage(*findDevice(object), address.mScope, ioDataSize, data);
     std::vector<std::uint8_t> bytes;
     bool isVariable = false;
     if (const OSStatus status =
@@ -1049,6 +1105,8 @@ OSStatus SimulatedAudioHardware::setPropertyData(AudioObjectID object,
         return kAudioHardwareNoError;
     }
     Device& device = *findDevice(object);
+    if (selector == kAudioDevicePropertyIOProcStreamUsage)
+        return writeStreamUsage(device, address.mScope, dataSize, data);
     if (selector == kAudioDevicePropertyNominalSampleRate) {
         if (dataSize != sizeof(Float64)) return kAudioHardwareBadPropertySizeError;
         Float64 rate = 0;
@@ -1066,6 +1124,108 @@ OSStatus SimulatedAudioHardware::setPropertyData(AudioObjectID object,
         return kAudioHardwareNoError;
     }
     return kAudioHardwareIllegalOperationError;
+}
+
+// ---- IOProc stream usage ('suse') --------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kStreamFlagsOffset = offsetof(AudioHardwareIOProcStreamUsage, mStreamIsOn);
+
+} // namespace
+
+SimulatedAudioHardware::IOProc* SimulatedAudioHardware::procOf(const Device& device,
+                                                               const void* procID) const {
+    const auto found = ioProcs_.find(reinterpret_cast<std::uintptr_t>(procID));
+    if (found == ioProcs_.end() || found->second->device != device.id) return nullptr;
+    return found->second.get();
+}
+
+// The header documents no status for an IOProc the device does not have; this model answers
+// kAudioHardwareIllegalOperationError ('nope'), as it does for every request naming another
+// device's IOProc (start, stop, destroy).
+OSStatus SimulatedAudioHardware::readStreamUsage(const Device& device,
+                                                 AudioObjectPropertyScope scope, UInt32* ioDataSize,
+                                                 void* data) const {
+    const bool isInput = scope == kAudioObjectPropertyScopeInput;
+    const std::size_t streams = (isInput ? device.inputStreams : device.outputStreams).size();
+    const std::size_t size = ioProcStreamUsageSize(streams);
+    // The whole list must fit: a usage that names fewer streams than the device has is no
+    // answer at all.
+    if (*ioDataSize < size) return kAudioHardwareBadPropertySizeError;
+    auto* bytes = static_cast<std::uint8_t*>(data);
+    void* procID = nullptr;
+    std::memcpy(&procID, bytes + offsetof(AudioHardwareIOProcStreamUsage, mIOProc), sizeof procID);
+    const IOProc* record = procOf(device, procID);
+    if (record == nullptr) return kAudioHardwareIllegalOperationError;
+    const std::vector<UInt32>& usage = isInput ? record->inputUsage : record->outputUsage;
+    const auto count = static_cast<UInt32>(streams);
+    std::memcpy(bytes + offsetof(AudioHardwareIOProcStreamUsage, mNumberStreams), &count,
+                sizeof count);
+    if (!usage.empty())
+        std::memcpy(bytes + kStreamFlagsOffset, usage.data(), usage.size() * sizeof(UInt32));
+    *ioDataSize = static_cast<UInt32>(size);
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedAudioHardware::writeStreamUsage(Device& device, AudioObjectPropertyScope scope,
+                                                  UInt32 dataSize, const void* data) {
+    if (dataSize < kStreamFlagsOffset) return kAudioHardwareBadPropertySizeError;
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    void* procID = nullptr;
+    std::memcpy(&procID, bytes + offsetof(AudioHardwareIOProcStreamUsage, mIOProc), sizeof procID);
+    IOProc* record = procOf(device, procID);
+    if (record == nullptr) return kAudioHardwareIllegalOperationError;
+    const bool isInput = scope == kAudioObjectPropertyScopeInput;
+    const std::size_t streams = (isInput ? device.inputStreams : device.outputStreams).size();
+    UInt32 count = 0;
+    std::memcpy(&count, bytes + offsetof(AudioHardwareIOProcStreamUsage, mNumberStreams),
+                sizeof count);
+    // Every stream of that direction must be named, no more and no fewer.
+    if (count != streams || dataSize != ioProcStreamUsageSize(streams))
+        return kAudioHardwareBadPropertySizeError;
+    std::vector<UInt32>& usage = isInput ? record->inputUsage : record->outputUsage;
+    for (std::size_t i = 0; i < streams; ++i) {
+        UInt32 flag = 0;
+        std::memcpy(&flag, bytes + kStreamFlagsOffset + i * sizeof(UInt32), sizeof flag);
+        usage[i] = flag != 0 ? 1 : 0;
+    }
+    if (record->isStarted && device.io) {
+        // The next cycle sees the new usage; one in flight finishes with the old.
+        IOState& state = *device.io;
+        std::lock_guard lock(state.mutex);
+        for (auto& started : state.procs) {
+            if (started.token != record->token) continue;
+            (isInput ? started.inputIsOn : started.outputIsOn) = usage;
+            started.hasInputOff = anyOff(started.inputIsOn);
+            started.hasOutputOff = anyOff(started.outputIsOn);
+        }
+    }
+    return kAudioHardwareNoError;
+}
+
+std::vector<UInt32>
+SimulatedAudioHardware::ioProcStreamUsage(AudioObjectID deviceID, AudioDeviceIOProcID proc,
+                                          AudioObjectPropertyScope scope) const {
+    const Device* device = findDevice(deviceID);
+    const IOProc* record = device != nullptr ? procOf(*device, proc) : nullptr;
+    if (record == nullptr) return {};
+    return scope == kAudioObjectPropertyScopeInput ? record->inputUsage : record->outputUsage;
+}
+
+std::size_t SimulatedAudioHardware::openHardwareInputs(AudioObjectID deviceID) const {
+    const Device* device = findDevice(deviceID);
+    if (device == nullptr) return 0;
+    std::size_t open = 0;
+    for (std::size_t i = 0; i < device->inputStreams.size(); ++i) {
+        if (streams_.at(device->inputStreams[i]).origin == kAudioObjectUnknown) continue;
+        open += std::any_of(ioProcs_.begin(), ioProcs_.end(), [&](const auto& entry) {
+            const IOProc& record = *entry.second;
+            return record.device == deviceID && record.isStarted && i < record.inputUsage.size() &&
+                   record.inputUsage[i] != 0;
+        });
+    }
+    return open;
 }
 
 OSStatus SimulatedAudioHardware::getPropertyValue(AudioObjectID object,
@@ -1188,11 +1348,7 @@ OSStatus SimulatedAudioHardware::createAggregateDevice(const PropertyList& descr
     if (numberOr(description, kAudioAggregateDeviceTapAutoStartKey, 0) != 0 && !isPrivate)
         return kAudioHardwareIllegalOperationError;
 
-    struct Member {
-        const Device* device;
-        bool takesInputs;
-    };
-    std::vector<Member> members;
+    std::vector<const Device*> members;
     if (const auto* list = description.find(kAudioAggregateDeviceSubDeviceListKey)) {
         if (list->asArray() == nullptr) return kAudio_ParamError;
         for (const auto& entry : *list->asArray()) {
@@ -1204,10 +1360,9 @@ OSStatus SimulatedAudioHardware::createAggregateDevice(const PropertyList& descr
                 return kAudio_ParamError;
             const Device* member = findDeviceByUID(*memberUID->asString());
             if (member == nullptr) return kAudioHardwareBadDeviceError;
-            for (const auto& existing : members) {
-                if (existing.device == member) return kAudio_ParamError;
-            }
-            members.push_back({member, numberOr(entry, kAudioSubDeviceInputChannelsKey, 1) != 0});
+            if (std::find(members.begin(), members.end(), member) != members.end())
+                return kAudio_ParamError;
+            members.push_back(member);
         }
     }
     std::vector<AudioObjectID> tapIDs;
@@ -1234,10 +1389,10 @@ OSStatus SimulatedAudioHardware::createAggregateDevice(const PropertyList& descr
     device->taps = tapIDs;
 
     // The clock: the main member if it is one, else the first member, else the first tap.
-    const Device* clock = members.empty() ? nullptr : members.front().device;
+    const Device* clock = members.empty() ? nullptr : members.front();
     if (main != nullptr) {
-        for (const auto& member : members) {
-            if (member.device->uid == *main->asString()) clock = member.device;
+        for (const Device* member : members) {
+            if (member->uid == *main->asString()) clock = member;
         }
     }
     device->sampleRate = clock != nullptr  ? clock->sampleRate
@@ -1245,12 +1400,12 @@ OSStatus SimulatedAudioHardware::createAggregateDevice(const PropertyList& descr
                                            : 48000.0;
 
     // Nested aggregates contribute no streams, as on the real system.
-    for (const auto& member : members) {
+    for (const Device* member : members) {
         Device::MemberSlots slots;
-        slots.uid = member.device->uid;
+        slots.uid = member->uid;
         slots.firstSlot = device->outputStreams.size();
-        if (member.device->kind == Device::Kind::plain) {
-            for (const AudioObjectID stream : member.device->outputStreams) {
+        if (member->kind == Device::Kind::plain) {
+            for (const AudioObjectID stream : member->outputStreams) {
                 const Stream& source = streams_.at(stream);
                 addStream(*device, false, source.channels, source.format);
             }
@@ -1258,11 +1413,15 @@ OSStatus SimulatedAudioHardware::createAggregateDevice(const PropertyList& descr
         slots.count = device->outputStreams.size() - slots.firstSlot;
         device->memberSlots.push_back(slots);
     }
-    for (const auto& member : members) {
-        if (!member.takesInputs || member.device->kind != Device::Kind::plain) continue;
-        for (const AudioObjectID stream : member.device->inputStreams) {
-            const Stream& source = streams_.at(stream);
-            addStream(*device, true, source.channels, source.format);
+    // Every member's own inputs come first, whatever "channels-in" says: on the real system
+    // that key describes the sub-device, it does not take its streams out of the list.
+    for (const Device* member : members) {
+        if (member->kind != Device::Kind::plain) continue;
+        for (const AudioObjectID stream : member->inputStreams) {
+            const Stream source = streams_.at(stream);
+            Stream& copy = streams_.at(addStream(*device, true, source.channels, source.format));
+            copy.origin = source.origin;
+            copy.originChannel = source.originChannel;
         }
     }
     for (const AudioObjectID tap : tapIDs) {
@@ -1305,11 +1464,14 @@ OSStatus SimulatedAudioHardware::createIOProcID(AudioObjectID deviceID, AudioDev
     if (proc == nullptr || procID == nullptr) return kAudio_ParamError;
     if (findDevice(deviceID) == nullptr)
         return exists(deviceID) ? kAudioHardwareBadDeviceError : kAudioHardwareBadObjectError;
+    const Device& device = *findDevice(deviceID);
     auto record = std::make_unique<IOProc>();
     record->token = nextProcToken_++;
     record->device = deviceID;
     record->proc = proc;
     record->clientData = clientData;
+    record->inputUsage.assign(device.inputStreams.size(), 1);
+    record->outputUsage.assign(device.outputStreams.size(), 1);
     *procID = reinterpret_cast<AudioDeviceIOProcID>(record->token);
     ioProcs_[record->token] = std::move(record);
     return kAudioHardwareNoError;
@@ -1346,8 +1508,18 @@ OSStatus SimulatedAudioHardware::startDevice(AudioObjectID deviceID, AudioDevice
     record.isStarted = true;
     IOState& state = ioState(*device);
     {
+        IOState::StartedProc started;
+        started.token = record.token;
+        started.proc = record.proc;
+        started.clientData = record.clientData;
+        started.inputIsOn = record.inputUsage;
+        started.outputIsOn = record.outputUsage;
+        started.hasInputOff = anyOff(started.inputIsOn);
+        started.hasOutputOff = anyOff(started.outputIsOn);
         std::lock_guard lock(state.mutex);
-        state.procs.push_back({record.token, record.proc, record.clientData});
+        // A running thread keeps its prepared buffers, so the newcomer's lists are sized now.
+        if (state.thread.joinable()) prepareProcLists(state, started.inputList, started.outputList);
+        state.procs.push_back(std::move(started));
     }
     prepareIO(*device, std::max(kPreparedFrames, threadFrames_));
     if (isThreaded_ && !state.thread.joinable()) startThread(*device);
@@ -1432,10 +1604,22 @@ void SimulatedAudioHardware::prepareIO(Device& device, UInt32 frames) {
 
     state.inputChannels.clear();
     state.inputSource.clear();
+    state.inputMicrophone.clear();
+    state.inputFirstChannel.clear();
+    state.microphones.clear();
     const std::size_t hardwareInputs = device.inputStreams.size() - device.taps.size();
     for (std::size_t i = 0; i < device.inputStreams.size(); ++i) {
-        state.inputChannels.push_back(streams_.at(device.inputStreams[i]).channels);
+        const Stream& stream = streams_.at(device.inputStreams[i]);
+        state.inputChannels.push_back(stream.channels);
         state.inputSource.push_back(i < hardwareInputs ? -1 : static_cast<int>(i - hardwareInputs));
+        state.inputFirstChannel.push_back(stream.originChannel);
+        const auto heard = inputAudio_.find(stream.origin);
+        if (i < hardwareInputs && heard != inputAudio_.end()) {
+            state.inputMicrophone.push_back(static_cast<int>(state.microphones.size()));
+            state.microphones.push_back(heard->second);
+        } else {
+            state.inputMicrophone.push_back(-1);
+        }
     }
     state.outputChannels.clear();
     for (const AudioObjectID stream : device.outputStreams)
@@ -1459,6 +1643,30 @@ void SimulatedAudioHardware::prepareIO(Device& device, UInt32 frames) {
     layout(state.outputChannels, state.outputSamples, state.outputOffsets, state.outputList);
     std::vector<std::size_t> scratchOffsets;
     layout(state.outputChannels, state.scratchSamples, scratchOffsets, state.scratchList);
+    for (auto& proc : state.procs)
+        prepareProcLists(state, proc.inputList, proc.outputList);
+}
+
+void SimulatedAudioHardware::prepareProcLists(const IOState& state,
+                                              std::vector<AudioBuffer>& inputList,
+                                              std::vector<AudioBuffer>& outputList) {
+    inputList.assign(state.inputList.size(), AudioBuffer{});
+    outputList.assign(state.outputList.size(), AudioBuffer{});
+}
+
+// The list one IOProc sees: the cycle's own, or while some of its streams are switched off a
+// copy with those buffers' data null (their byte size stays, as on the real system).
+AudioBufferList* SimulatedAudioHardware::procView(AudioBufferList* list,
+                                                  const std::vector<UInt32>& isOn, bool hasOff,
+                                                  std::vector<AudioBuffer>& storage) {
+    if (!hasOff || storage.size() < std::size_t(list->mNumberBuffers) + 1) return list;
+    auto* view = reinterpret_cast<AudioBufferList*>(storage.data());
+    view->mNumberBuffers = list->mNumberBuffers;
+    for (UInt32 i = 0; i < list->mNumberBuffers; ++i) {
+        view->mBuffers[i] = list->mBuffers[i];
+        if (i < isOn.size() && isOn[i] == 0) view->mBuffers[i].mData = nullptr;
+    }
+    return view;
 }
 
 std::size_t SimulatedAudioHardware::runCycle(IOState& state, UInt32 frames,
@@ -1477,6 +1685,15 @@ std::size_t SimulatedAudioHardware::runCycle(IOState& state, UInt32 frames,
         const std::size_t count = std::size_t(channels) * frames;
         std::fill(samples, samples + count, 0.0f);
         const int source = state.inputSource[i];
+        if (const int microphone = state.inputMicrophone[i]; microphone >= 0) {
+            const Generator& heard = state.microphones[std::size_t(microphone)];
+            const UInt32 first = state.inputFirstChannel[i];
+            for (UInt32 frame = 0; frame < frames; ++frame) {
+                for (UInt32 channel = 0; channel < channels; ++channel)
+                    samples[std::size_t(frame) * channels + channel] =
+                        heard(state.sampleTime + frame, first + channel);
+            }
+        }
         if (source >= 0 && !state.isSilent) {
             if (isFirstTap && explicitInput != nullptr) {
                 std::copy(explicitInput, explicitInput + std::min(count, explicitSamples), samples);
@@ -1510,11 +1727,16 @@ std::size_t SimulatedAudioHardware::runCycle(IOState& state, UInt32 frames,
     now.mFlags = kTimeStampSampleTimeValid;
     std::size_t called = 0;
     const bool isSingle = state.procs.size() == 1;
-    for (const auto& proc : state.procs) {
+    for (auto& proc : state.procs) {
         // With several IOProcs each gets zeroed outputs of its own and the device mixes them.
         AudioBufferList* target = isSingle ? output : scratch;
         if (!isSingle) std::fill(state.scratchSamples.begin(), state.scratchSamples.end(), 0.0f);
-        proc.proc(state.device, &now, input, &now, target, &now, proc.clientData);
+        const AudioBufferList* procInput =
+            procView(input, proc.inputIsOn, proc.hasInputOff, proc.inputList);
+        // A switched-off output stream is one the proc cannot write; the device keeps zeros.
+        AudioBufferList* procOutput =
+            procView(target, proc.outputIsOn, proc.hasOutputOff, proc.outputList);
+        proc.proc(state.device, &now, procInput, &now, procOutput, &now, proc.clientData);
         if (!isSingle) {
             for (std::size_t s = 0; s < state.outputSamples.size(); ++s)
                 state.outputSamples[s] += state.scratchSamples[s];

@@ -37,8 +37,16 @@
 // - A tap cannot be destroyed while an aggregate uses it ('nope'); destroying an
 //   aggregate stops and destroys its IOProcs.
 // - An aggregate's output buffer list holds its members' output streams in member order,
-//   one buffer per stream; its input list holds the members' input streams (unless the
-//   member entry says "channels-in": 0) followed by one interleaved buffer per tap.
+//   one buffer per stream. Its input list holds every plain member's own input streams in
+//   member order first, whatever the member entry's "channels-in" says (the key describes
+//   the sub-device; it does not take its streams away), then one interleaved buffer per tap.
+//   A member's input streams carry what its microphone hears (setInputAudio).
+// - Every IOProc has a stream usage per direction ('suse', kAudioDevicePropertyIOProcStreamUsage,
+//   read and written as raw AudioHardwareIOProcStreamUsage bytes with mIOProc = the
+//   AudioDeviceIOProcID, filled in by the caller before a read). All streams start switched
+//   on. A usage must name every stream of that direction ('!siz' otherwise, also for a read
+//   into a buffer too small for the list); an IOProc that is not the device's answers 'nope'.
+//   A switched-off stream reaches that IOProc with mData null and its byte size intact.
 //
 // Thread: control for every call, except the IO thread of threaded mode, which touches
 // only the prepared IO buffers and the IOProcs it calls. Realtime-safe: no (pumpCycle
@@ -148,6 +156,11 @@ public:
     // not exist yet. Pumped cycles hear it from the next cycle on; a threaded device from its
     // next start.
     void setProcessAudio(std::int32_t pid, Generator generator);
+    // What the device's microphone hears (channel counts across all its input streams; an
+    // empty function: silence, the default). Its own input streams and its streams inside an
+    // aggregate carry it; pumped cycles from the next cycle on, a threaded device from its
+    // next start.
+    void setInputAudio(AudioObjectID device, Generator generator);
 
     // Any ID is taken as it is (0: no default; a vanished device: a stale default).
     void setDefaultOutput(AudioObjectID device);
@@ -165,6 +178,13 @@ public:
     std::optional<TapDescription> tapDescription(AudioObjectID tap) const;
     // Float32 value last written to a device's 'volm' element (1 until written).
     float volumeScalar(AudioObjectID device, UInt32 element) const;
+    // An IOProc's 'suse' flags, one per stream of that direction (empty: no such IOProc on
+    // that device).
+    std::vector<UInt32> ioProcStreamUsage(AudioObjectID device, AudioDeviceIOProcID proc,
+                                          AudioObjectPropertyScope scope) const;
+    // Hardware input streams of the device (an aggregate's member inputs, or a plain device's
+    // own) switched on for at least one of its started IOProcs: microphones in use.
+    std::size_t openHardwareInputs(AudioObjectID device) const;
 
     // ---- Bad data ----------------------------------------------------------------------
 
@@ -309,6 +329,11 @@ private:
     OSStatus readValue(AudioObjectID object, const AudioObjectPropertyAddress& address,
                        PropertyList& value) const;
     bool settable(AudioObjectID object, const AudioObjectPropertyAddress& address) const;
+    IOProc* procOf(const Device& device, const void* procID) const;
+    OSStatus readStreamUsage(const Device& device, AudioObjectPropertyScope scope,
+                             UInt32* ioDataSize, void* data) const;
+    OSStatus writeStreamUsage(Device& device, AudioObjectPropertyScope scope, UInt32 dataSize,
+                              const void* data);
 
     // Model helpers.
     AudioObjectID nextID() { return nextID_++; }
@@ -324,6 +349,10 @@ private:
     // IO helpers.
     IOState& ioState(Device& device);
     void prepareIO(Device& device, UInt32 frames);
+    static void prepareProcLists(const IOState& state, std::vector<AudioBuffer>& inputList,
+                                 std::vector<AudioBuffer>& outputList);
+    static AudioBufferList* procView(AudioBufferList* list, const std::vector<UInt32>& isOn,
+                                     bool hasOff, std::vector<AudioBuffer>& storage);
     static std::size_t runCycle(IOState& state, UInt32 frames, const float* explicitInput,
                                 std::size_t explicitSamples);
     void startThread(Device& device);
@@ -343,6 +372,7 @@ private:
     std::map<std::uintptr_t, std::unique_ptr<IOProc>> ioProcs_;
     std::uintptr_t nextProcToken_ = 1;
     std::map<std::int32_t, Generator> processAudio_;
+    std::map<AudioObjectID, Generator> inputAudio_; // by device
     std::optional<AudioStreamBasicDescription> tapFormatOverride_;
     std::map<std::tuple<AudioObjectID, AudioObjectPropertySelector, AudioObjectPropertyScope,
                         AudioObjectPropertyElement>,

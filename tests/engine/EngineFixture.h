@@ -1,7 +1,9 @@
 // A simulated desk for the engine's tests: a multi-output device "Desk" over a stereo
-// speaker "L" (one two-channel stream), a pair of mono amplifier channels "H" (two one-
-// channel streams) and a microphone "I" (inputs only), with the engine, a real file writer
-// and a temporary folder for recordings.
+// speaker "L" (one two-channel stream, and a mono microphone that hears kMicrophone), a pair
+// of mono amplifier channels "H" (two one-channel streams) and a microphone "I" (inputs
+// only), with the engine, a real file writer and a temporary folder for recordings. The
+// speaker's microphone sits in the router's input list ahead of the tap, so every test here
+// also proves that the router plays and records the tap and never the microphone.
 #pragma once
 
 #include <cmath>
@@ -31,8 +33,12 @@ inline std::string thrownDescription(const std::function<void()>& action) {
 
 class EngineFixture : public ::testing::Test {
 protected:
+    // A value no tap signal in these tests carries, so it cannot hide in a measured level.
+    static constexpr float kMicrophone = 0.9375f;
+
     EngineFixture() {
-        sim.addDevice({"L", "Desk Speaker", {2}});
+        sim.setInputAudio(sim.addDevice({"L", "Desk Speaker", {2}, {1}}),
+                          [](std::uint64_t, UInt32) { return kMicrophone; });
         sim.addDevice({"H", "Amp", {1, 1}});
         sim.addDevice({"I", "Mic", {}, {2}});
         deskID = sim.addMultiOutputDevice("D", "Desk", {"L", "H", "I"}, "L");

@@ -128,6 +128,102 @@ TEST_F(SoftwareVolumeEngineTest, SlotsFollowTheMembersStreams) {
     EXPECT_EQ(sim.memberOutput(engine.aggregateID(), "H", 1), std::vector<float>(64, -0.25f));
 }
 
+// A headset and a display-like speaker bring their microphones into the router's input list,
+// ahead of the tap: three member input streams, then the tap's one.
+TEST_F(SoftwareVolumeEngineTest, EveryCaptureModePlaysAndRecordsTheTapWithEveryMicrophoneOff) {
+    sim.setInputAudio(
+        sim.addDevice({"P", "Headset", {2}, {1, 2}}),
+        [](std::uint64_t, UInt32 channel) { return -0.5f - 0.125f * float(channel); });
+    sim.addMultiOutputDevice("HS", "Call Desk", {"L", "P", "H"}, "L");
+    std::vector<RecordingResult> finished;
+    engine.setRecordingFinishedHandler(
+        [&](const RecordingResult& result) { finished.push_back(result); });
+
+    const AudioCaptureMode modes[] = {AudioCaptureMode::selectedDevice,
+                                      AudioCaptureMode::compatibilityGlobal,
+                                      AudioCaptureMode::selectedDevice};
+    int run = 0;
+    for (AudioCaptureMode mode : modes) {
+        SCOPED_TRACE(std::string(name(mode)) + " run " + std::to_string(run));
+        engine.start(device("HS"), mode);
+        ProcessingSetMasterGain(engine.gainState(), 0.5f);
+        EXPECT_EQ(sim.openHardwareInputs(engine.aggregateID()), 0u);
+        EXPECT_EQ(sim.ioProcStreamUsage(engine.aggregateID(), engine.ioProcID(),
+                                        kAudioObjectPropertyScopeInput),
+                  (std::vector<UInt32>{0, 0, 0, 1}));
+
+        auto path = folder / ("call" + std::to_string(run++) + ".wav");
+        engine.startRecording(path, RecordingFormat::wav);
+        for (int i = 0; i < 10; ++i)
+            pump(480, constant(0.25f), constant(-0.125f));
+        engine.finishRecording();
+
+        // Every speaker plays the mix at the master gain, the amplifier one channel per stream.
+        std::vector<float> speaker = sim.memberOutput(engine.aggregateID(), "L");
+        std::vector<float> headset = sim.memberOutput(engine.aggregateID(), "P");
+        ASSERT_EQ(speaker.size(), 960u);
+        EXPECT_EQ(speaker, headset);
+        for (std::size_t f = 0; f < 480; ++f) {
+            ASSERT_EQ(speaker[2 * f], 0.125f) << f;
+            ASSERT_EQ(speaker[2 * f + 1], -0.0625f) << f;
+        }
+        EXPECT_EQ(sim.memberOutput(engine.aggregateID(), "H", 0), std::vector<float>(480, 0.125f));
+        EXPECT_EQ(sim.memberOutput(engine.aggregateID(), "H", 1),
+                  std::vector<float>(480, -0.0625f));
+
+        // The recording holds the mix as the tap delivered it, before the volume.
+        ASSERT_EQ(finished.size(), std::size_t(run));
+        EXPECT_FALSE(finished.back().error);
+        auto decoded = readAudioFile(path.string());
+        ASSERT_TRUE(decoded);
+        ASSERT_EQ(decoded->frames(), 4800u);
+        for (std::uint64_t f = 0; f < 4800; ++f) {
+            ASSERT_EQ(decoded->samples[2 * f], 0.25f) << f;
+            ASSERT_EQ(decoded->samples[2 * f + 1], -0.125f) << f;
+        }
+    }
+    engine.stop();
+    expectNothingLeft();
+}
+
+// The IO function alone: it finds the tap at the end of whatever list arrives.
+TEST_F(SoftwareVolumeEngineTest, IOCycleHandsOnlyTheTrailingTapBuffersOn) {
+    std::vector<float> microphone(64, kMicrophone);
+    std::vector<float> tap(128, 0.25f);
+    std::vector<float> out(128, 0.0f);
+    const auto list = [&](std::size_t microphones) {
+        std::vector<AudioBuffer> storage(microphones + 2);
+        auto* buffers = reinterpret_cast<AudioBufferList*>(storage.data());
+        buffers->mNumberBuffers = UInt32(microphones + 1);
+        for (std::size_t i = 0; i < microphones; ++i)
+            buffers->mBuffers[i] = {1, 256, microphone.data()};
+        buffers->mBuffers[microphones] = {2, 512, tap.data()};
+        return storage;
+    };
+    std::vector<AudioBuffer> viewStorage(2);
+    SoftwareVolumeEngine::IOProcContext context{
+        engine.gainState(), engine.recordingState(), 3, 1,
+        reinterpret_cast<AudioBufferList*>(viewStorage.data())};
+    AudioBufferList output{1, {{2, 512, out.data()}}};
+
+    // As laid out (three microphones first), shorter (one), longer (five), the tap alone.
+    for (std::size_t microphones : {3u, 1u, 5u, 0u}) {
+        SCOPED_TRACE(microphones);
+        std::vector<AudioBuffer> input = list(microphones);
+        SoftwareVolumeEngine::ioProc(0, nullptr, reinterpret_cast<AudioBufferList*>(input.data()),
+                                     nullptr, &output, nullptr, &context);
+        EXPECT_EQ(ProcessingTakeInputPeak(engine.gainState()), 0.25f);
+        std::uint32_t buffers = 0, channels = 0, bytes = 0;
+        ProcessingLastInputFormat(engine.gainState(), &buffers, &channels, &bytes);
+        EXPECT_EQ(buffers, 1u);
+        EXPECT_EQ(channels, 2u);
+        EXPECT_EQ(out[0], 0.25f);
+    }
+    // No input at all is the render's to handle: silence, not a crash.
+    SoftwareVolumeEngine::ioProc(0, nullptr, nullptr, nullptr, &output, nullptr, &context);
+    EXPECT_EQ(out[0], 0.0f);
+}
+
 TEST_F(SoftwareVolumeEngineTest, SettersStoreWhileStoppedAndApplyWhileRunning) {
     const std::pair<float, float> gains[] = {
         {1.5f, 1.0f}, {-0.2f, 0.0f}, {std::numeric_limits<float>::quiet_NaN(), 0.0f}, {0.3f, 0.3f}};
@@ -235,6 +331,16 @@ TEST_F(SoftwareVolumeEngineTest, EveryFailingStepSaysWhyAndLeavesNothingBehind) 
     integer.mBytesPerFrame = integer.mBytesPerPacket = 4;
     integer.mFramesPerPacket = 1;
     const OSStatus nope = kAudioHardwareIllegalOperationError;
+    const AudioObjectPropertyAddress speakerInputs{kAudioDevicePropertyStreamConfiguration,
+                                                   kAudioObjectPropertyScopeInput,
+                                                   kAudioObjectPropertyElementMain};
+    // A stream configuration of `count` mono buffers.
+    const auto inputLayout = [](UInt32 count) {
+        std::vector<AudioBuffer> list(count + 1, AudioBuffer{1, 0, nullptr});
+        reinterpret_cast<AudioBufferList*>(list.data())->mNumberBuffers = count;
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(list.data());
+        return std::vector<std::uint8_t>(bytes, bytes + 8 + count * sizeof(AudioBuffer));
+    };
 
     struct Case {
         const char* message;
@@ -279,6 +385,16 @@ TEST_F(SoftwareVolumeEngineTest, EveryFailingStepSaysWhyAndLeavesNothingBehind) 
          deskDevice},
         {"Preparing the audio router failed ('nope').",
          [&] { sim.failNext(SimulatedAudioHardware::Call::createIOProcID, nope); }, deskDevice},
+        {"Preparing the audio router failed ('nope').",
+         [&] {
+             sim.failProperty(kAudioObjectUnknown, kAudioDevicePropertyIOProcStreamUsage, nope,
+                              SimulatedAudioHardware::Times::once);
+         },
+         deskDevice},
+        {"The system audio tap did not reach the audio router.",
+         // The speaker claims more input streams than the router lists before the tap.
+         [&] { sim.overridePropertyData(sim.deviceID("L"), speakerInputs, inputLayout(2)); },
+         deskDevice},
         {"Starting the audio router failed ('nope').",
          [&] { sim.failNext(SimulatedAudioHardware::Call::startDevice, nope); }, deskDevice},
     };
@@ -293,6 +409,7 @@ TEST_F(SoftwareVolumeEngineTest, EveryFailingStepSaysWhyAndLeavesNothingBehind) 
             c.message);
         expectNothingLeft();
         sim.clearFaults();
+        sim.overridePropertyData(sim.deviceID("L"), speakerInputs, inputLayout(1));
         sim.overrideTapFormat(std::nullopt);
         if (sim.processObject(4242) == 0) sim.addProcess({4242});
         sim.setStreamFormat(sim.deviceID("H"), kAudioObjectPropertyScopeOutput, 1,
@@ -433,6 +550,7 @@ TEST_F(SoftwareVolumeEngineTest, OneCycleWithRecordingAttachedAllocatesNothing) 
 
     std::vector<float> input(2 * 512, 0.25f);
     ASSERT_EQ(sim.pumpCycle(local.aggregateID(), input), 1u); // the simulation prepares itself
+    (void)ProcessingTakeInputPeak(local.gainState());
     std::size_t allocations = 0;
     {
         testing::AllocationGuard guard;
@@ -441,6 +559,8 @@ TEST_F(SoftwareVolumeEngineTest, OneCycleWithRecordingAttachedAllocatesNothing) 
         allocations = guard.allocations();
     }
     EXPECT_EQ(allocations, 0u);
+    // Those cycles went through the tap's view: the speaker's microphone came first in the list.
+    EXPECT_EQ(ProcessingTakeInputPeak(local.gainState()), 0.25f);
     local.finishRecording();
     EXPECT_EQ(RecordingTapStatus(local.recordingState()), 0);
 }

@@ -3,6 +3,8 @@
 // IO, fault injection, leak accounting, Core Audio's quirks).
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -27,7 +29,9 @@ AudioHardwareContractScene simulationScene() {
     scene.makeHardware = [] {
         auto sim = std::make_unique<Sim>();
         sim->addDevice({"A", "Desk Speakers", {2}});
-        sim->addDevice({"B", "Subwoofer", {1}});
+        // The subwoofer has a microphone, as a display or a headset does: the aggregate
+        // lists it ahead of the tap.
+        sim->addDevice({"B", "Subwoofer", {1}, {1}});
         sim->setDefaultOutput(sim->addMultiOutputDevice("M", "Desk", {"A", "B"}, "A"));
         return std::unique_ptr<AudioHardware>(std::move(sim));
     };
@@ -147,9 +151,54 @@ protected:
         return proc;
     }
 
+    // 'suse' through the raw property calls, as the engine uses them.
+    OSStatus setUsage(AudioObjectID device, AudioDeviceIOProcID proc,
+                      AudioObjectPropertyScope scope, const std::vector<UInt32>& flags) {
+        std::vector<std::uint64_t> storage(ioProcStreamUsageSize(flags.size()) / 8 + 1);
+        auto* usage = reinterpret_cast<AudioHardwareIOProcStreamUsage*>(storage.data());
+        usage->mIOProc = proc;
+        usage->mNumberStreams = UInt32(flags.size());
+        std::memcpy(reinterpret_cast<char*>(storage.data()) +
+                        offsetof(AudioHardwareIOProcStreamUsage, mStreamIsOn),
+                    flags.data(), flags.size() * sizeof(UInt32));
+        return sim.setPropertyData(device, {kAudioDevicePropertyIOProcStreamUsage, scope, 0}, 0,
+                                   nullptr, UInt32(ioProcStreamUsageSize(flags.size())), usage);
+    }
+
     Sim sim;
     AudioObjectID multi = 0;
 };
+
+// Remembers, per input buffer of the last cycle, its data pointer, byte size and first
+// sample.
+struct InputProbe {
+    static constexpr UInt32 kMax = 8;
+    UInt32 buffers = 0;
+    const void* data[kMax] = {};
+    UInt32 bytes[kMax] = {};
+    UInt32 channels[kMax] = {};
+    float first[kMax] = {};
+};
+
+OSStatus inputProbeIOProc(AudioObjectID, const AudioTimeStamp*, const AudioBufferList* input,
+                          const AudioTimeStamp*, AudioBufferList* output, const AudioTimeStamp*,
+                          void* clientData) {
+    auto* probe = static_cast<InputProbe*>(clientData);
+    probe->buffers = input->mNumberBuffers;
+    for (UInt32 i = 0; i < input->mNumberBuffers && i < InputProbe::kMax; ++i) {
+        const AudioBuffer& buffer = input->mBuffers[i];
+        probe->data[i] = buffer.mData;
+        probe->bytes[i] = buffer.mDataByteSize;
+        probe->channels[i] = buffer.mNumberChannels;
+        probe->first[i] = buffer.mData ? *static_cast<const float*>(buffer.mData) : -99.0f;
+    }
+    // Marks every output buffer it is allowed to write.
+    for (UInt32 i = 0; i < output->mNumberBuffers; ++i) {
+        if (output->mBuffers[i].mData != nullptr)
+            *static_cast<float*>(output->mBuffers[i].mData) = 1.0f;
+    }
+    return 0;
+}
 
 // ---- Taps ---------------------------------------------------------------------------------
 
@@ -271,17 +320,166 @@ TEST_F(SimulatedRouterTest, AggregateLayoutFollowsMembersAndTaps) {
                         &size, &rate);
     EXPECT_EQ(rate, 44100.0); // the first member is the clock without a main one
 
-    const auto tapOnly = makeAggregate(description("out", {"A", "B"}, {tap}, 0));
-    EXPECT_EQ(sim.streams(tapOnly, kAudioObjectPropertyScopeInput).size(), 1u);
+    // "channels-in": 0 leaves B's input in the list, as on the real system.
+    const auto noInputs = makeAggregate(description("out", {"A", "B"}, {tap}, 0));
+    EXPECT_EQ(sim.streams(noInputs, kAudioObjectPropertyScopeInput).size(), 2u);
     PropertyList members;
-    sim.getPropertyValue(tapOnly, global(kAudioAggregateDevicePropertyFullSubDeviceList), &members);
+    sim.getPropertyValue(noInputs, global(kAudioAggregateDevicePropertyFullSubDeviceList),
+                         &members);
     EXPECT_EQ(members, PropertyList(PropertyList::Array{PropertyList("A"), PropertyList("B")}));
 
     // A multi-output device as a member contributes no streams, as nested aggregates do.
     const auto nested = makeAggregate(description("nested", {"M"}, {tap}));
     EXPECT_TRUE(sim.streams(nested, kAudioObjectPropertyScopeOutput).empty());
-    for (const auto id : {withInputs, tapOnly, nested})
+    for (const auto id : {withInputs, noInputs, nested})
         EXPECT_EQ(sim.destroyAggregateDevice(id), 0);
+}
+
+// A headset's microphone inside a router: its streams come before the tap's, carry what it
+// hears, and reach an IOProc only while that IOProc's stream usage has them on.
+TEST_F(SimulatedRouterTest, MemberInputsComeFirstAndReachOnlyTheIOProcsThatUseThem) {
+    const auto headset = sim.addDevice({"P", "Headset", {2}, {1, 2}});
+    sim.setInputAudio(headset, [](std::uint64_t, UInt32 channel) { return 0.5f + float(channel); });
+    sim.setInputAudio(sim.deviceID("B"), [](std::uint64_t, UInt32) { return -0.75f; });
+    sim.addProcess({501, "com.example.player", true, {}});
+    sim.setProcessAudio(501, [](std::uint64_t, UInt32 channel) { return 0.25f - float(channel); });
+    const auto tap = makeTap(TapDescription::Kind::stereoGlobalExcludingProcesses, {});
+    const auto aggregate = makeAggregate(description("router", {"P", "A", "B"}, {tap}, 0));
+
+    // Member order, then the tap: P's mono and stereo inputs, B's mono one, the stereo tap.
+    const std::vector<UInt32> layout{1, 2, 1, 2};
+    std::vector<UInt32> channels;
+    for (const auto stream : sim.streams(aggregate, kAudioObjectPropertyScopeInput)) {
+        AudioStreamBasicDescription format{};
+        UInt32 size = sizeof format;
+        sim.getPropertyData(stream, global(kAudioStreamPropertyVirtualFormat), 0, nullptr, &size,
+                            &format);
+        channels.push_back(format.mChannelsPerFrame);
+    }
+    EXPECT_EQ(channels, layout);
+
+    InputProbe router;
+    InputProbe other;
+    AudioDeviceIOProcID routerProc = nullptr;
+    AudioDeviceIOProcID otherProc = nullptr;
+    ASSERT_EQ(sim.createIOProcID(aggregate, inputProbeIOProc, &router, &routerProc), 0);
+    ASSERT_EQ(sim.createIOProcID(aggregate, inputProbeIOProc, &other, &otherProc), 0);
+    EXPECT_EQ(sim.ioProcStreamUsage(aggregate, routerProc, kAudioObjectPropertyScopeInput),
+              (std::vector<UInt32>{1, 1, 1, 1}));
+    ASSERT_EQ(sim.startDevice(aggregate, routerProc), 0);
+    EXPECT_EQ(sim.openHardwareInputs(aggregate), 3u); // every stream starts switched on
+    sim.pumpCycle(aggregate, 16);
+    ASSERT_EQ(router.buffers, 4u);
+    EXPECT_EQ(
+        (std::vector<float>{router.first[0], router.first[1], router.first[2], router.first[3]}),
+        (std::vector<float>{0.5f, 1.5f, -0.75f, 0.25f}));
+
+    // Off while running: the next cycle brings nulls with their byte sizes intact.
+    ASSERT_EQ(setUsage(aggregate, routerProc, kAudioObjectPropertyScopeInput, {0, 0, 0, 1}), 0);
+    EXPECT_EQ(sim.openHardwareInputs(aggregate), 0u);
+    sim.pumpCycle(aggregate, 16);
+    for (UInt32 i = 0; i < 3; ++i) {
+        EXPECT_EQ(router.data[i], nullptr) << i;
+        EXPECT_EQ(router.bytes[i], 16 * 4 * layout[i]) << i;
+        EXPECT_EQ(router.channels[i], layout[i]) << i;
+    }
+    EXPECT_EQ(router.first[3], 0.25f);
+
+    // The usage belongs to one IOProc: another one on the same device hears the microphones.
+    ASSERT_EQ(sim.startDevice(aggregate, otherProc), 0);
+    EXPECT_EQ(sim.openHardwareInputs(aggregate), 3u);
+    sim.pumpCycle(aggregate, 16);
+    EXPECT_EQ(other.first[0], 0.5f);
+    EXPECT_EQ(router.data[0], nullptr);
+    ASSERT_EQ(sim.stopDevice(aggregate, otherProc), 0);
+    EXPECT_EQ(sim.openHardwareInputs(aggregate), 0u);
+
+    // An output stream switched off is one the IOProc cannot write: the member stays silent.
+    ASSERT_EQ(setUsage(aggregate, routerProc, kAudioObjectPropertyScopeOutput, {1, 0, 1}), 0);
+    sim.pumpCycle(aggregate, 16);
+    EXPECT_EQ(sim.memberOutput(aggregate, "P")[0], 1.0f);
+    EXPECT_EQ(sim.memberOutput(aggregate, "A")[0], 0.0f);
+    EXPECT_EQ(sim.memberOutput(aggregate, "B")[0], 1.0f);
+    // A plain device's own IOProc opens its microphone too.
+    Passthrough own;
+    startPassthrough(headset, own);
+    EXPECT_EQ(sim.openHardwareInputs(headset), 2u);
+}
+
+TEST_F(SimulatedRouterTest, StreamUsageRequestsAnswerAsCoreAudioDoes) {
+    const auto tap = makeTap(TapDescription::Kind::stereoGlobalExcludingProcesses, {});
+    const auto aggregate = makeAggregate(description("router", {"A", "B"}, {tap}));
+    Passthrough state;
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(sim.createIOProcID(aggregate, passthroughIOProc, &state, &proc), 0);
+    AudioDeviceIOProcID elsewhere = nullptr;
+    ASSERT_EQ(sim.createIOProcID(multi, passthroughIOProc, &state, &elsewhere), 0);
+    const AudioObjectPropertyAddress input{kAudioDevicePropertyIOProcStreamUsage,
+                                           kAudioObjectPropertyScopeInput, 0};
+
+    // Inputs: B's microphone and the tap, 12 + 2 * 4 bytes. Outputs: A's and B's streams.
+    UInt32 size = 0;
+    EXPECT_EQ(sim.getPropertyDataSize(aggregate, input, 0, nullptr, &size), 0);
+    EXPECT_EQ(size, 20u);
+    EXPECT_EQ(sim.getPropertyDataSize(
+                  aggregate,
+                  {kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeOutput, 0}, 0,
+                  nullptr, &size),
+              0);
+    EXPECT_EQ(size, 20u);
+    EXPECT_EQ(sim.getPropertyDataSize(aggregate, global(kAudioDevicePropertyIOProcStreamUsage), 0,
+                                      nullptr, &size),
+              kAudioHardwareUnknownPropertyError);
+    bool isSettable = false;
+    EXPECT_EQ(sim.isPropertySettable(aggregate, input, &isSettable), 0);
+    EXPECT_TRUE(isSettable);
+
+    // A read needs the IOProc filled in and room for every stream.
+    std::uint64_t storage[4] = {};
+    auto* usage = reinterpret_cast<AudioHardwareIOProcStreamUsage*>(storage);
+    usage->mIOProc = proc;
+    size = 20;
+    ASSERT_EQ(sim.getPropertyData(aggregate, input, 0, nullptr, &size, usage), 0);
+    EXPECT_EQ(size, 20u);
+    EXPECT_EQ(usage->mNumberStreams, 2u);
+    const auto* flags =
+        reinterpret_cast<const UInt32*>(reinterpret_cast<const char*>(storage) +
+                                        offsetof(AudioHardwareIOProcStreamUsage, mStreamIsOn));
+    EXPECT_EQ(flags[0], 1u);
+    EXPECT_EQ(flags[1], 1u);
+    size = 16;
+    EXPECT_EQ(sim.getPropertyData(aggregate, input, 0, nullptr, &size, usage),
+              kAudioHardwareBadPropertySizeError);
+    for (const AudioDeviceIOProcID stranger :
+         {AudioDeviceIOProcID(nullptr), elsewhere,
+          reinterpret_cast<AudioDeviceIOProcID>(std::uintptr_t(9999))}) {
+        usage->mIOProc = stranger;
+        size = 20;
+        EXPECT_EQ(sim.getPropertyData(aggregate, input, 0, nullptr, &size, usage),
+                  kAudioHardwareIllegalOperationError);
+        EXPECT_EQ(setUsage(aggregate, stranger, kAudioObjectPropertyScopeInput, {0, 1}),
+                  kAudioHardwareIllegalOperationError);
+    }
+
+    // A write names every stream of the direction, no more, no fewer; a refused one changes
+    // nothing.
+    EXPECT_EQ(setUsage(aggregate, proc, kAudioObjectPropertyScopeInput, {0}),
+              kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(setUsage(aggregate, proc, kAudioObjectPropertyScopeInput, {0, 0, 1}),
+              kAudioHardwareBadPropertySizeError);
+    usage->mIOProc = proc;
+    usage->mNumberStreams = 2;
+    EXPECT_EQ(sim.setPropertyData(aggregate, input, 0, nullptr, 24, usage),
+              kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(sim.setPropertyData(aggregate, input, 0, nullptr, 8, usage),
+              kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(sim.ioProcStreamUsage(aggregate, proc, kAudioObjectPropertyScopeInput),
+              (std::vector<UInt32>{1, 1}));
+    EXPECT_EQ(setUsage(aggregate, proc, kAudioObjectPropertyScopeInput, {0, 7}), 0);
+    EXPECT_EQ(sim.ioProcStreamUsage(aggregate, proc, kAudioObjectPropertyScopeInput),
+              (std::vector<UInt32>{0, 1}));
+    EXPECT_EQ(sim.ioProcStreamUsage(aggregate, proc, kAudioObjectPropertyScopeOutput),
+              (std::vector<UInt32>{1, 1}));
 }
 
 TEST_F(SimulatedRouterTest, PrivateTapNeedsAPrivateAggregateToStart) {
@@ -376,12 +574,15 @@ TEST_F(SimulatedRouterTest, PumpingAllocatesNothingOncePrepared) {
     BRIGHTMIX_REQUIRE_ALLOCATION_GUARD();
     sim.addProcess({501, "com.example.player", true, {}});
     sim.setProcessAudio(501, [](std::uint64_t frame, UInt32) { return float(frame % 7) / 7.0f; });
+    sim.setInputAudio(sim.deviceID("B"), [](std::uint64_t, UInt32) { return 0.5f; });
     const auto tap = makeTap(TapDescription::Kind::stereoGlobalExcludingProcesses, {});
     const auto aggregate = makeAggregate(description("router", {"A", "B"}, {tap}));
     Passthrough first;
     Passthrough second;
-    startPassthrough(aggregate, first);
+    const auto firstProc = startPassthrough(aggregate, first);
     startPassthrough(aggregate, second);
+    // One IOProc without B's microphone: its cycles take the prepared copy of the list.
+    ASSERT_EQ(setUsage(aggregate, firstProc, kAudioObjectPropertyScopeInput, {0, 1}), 0);
     sim.pumpCycle(aggregate, 512);
 
     testing::AllocationGuard guard;

@@ -357,6 +357,41 @@ TEST_P(AudioHardwareContract, AggregateOutputsAreTheMembersStreamsInOrder) {
     EXPECT_EQ(hardware().destroyProcessTap(tap), 0);
 }
 
+// The engine finds its tap in the aggregate's input list by this rule: the members' own
+// input streams first, in member order, then the tap's streams, which together carry the
+// tap's channels.
+TEST_P(AudioHardwareContract, AggregateInputsEndWithTheTapsStreams) {
+    const AudioObjectID tap = makeGlobalTap();
+    ASSERT_NE(tap, kAudioObjectUnknown);
+    AudioStreamBasicDescription format{};
+    UInt32 size = sizeof format;
+    ASSERT_EQ(hardware().getPropertyData(tap, global(kAudioTapPropertyFormat), 0, nullptr, &size,
+                                         &format),
+              0);
+    AudioObjectID aggregate = kAudioObjectUnknown;
+    ASSERT_EQ(
+        hardware().createAggregateDevice(
+            routerDescription(std::string(kContractPrefix) + "inputs", tapUID(tap)), &aggregate),
+        0);
+
+    std::vector<UInt32> members =
+        streamChannels(deviceWithUID(scene().firstMemberUID), kAudioObjectPropertyScopeInput);
+    const auto second =
+        streamChannels(deviceWithUID(scene().secondMemberUID), kAudioObjectPropertyScopeInput);
+    members.insert(members.end(), second.begin(), second.end());
+    const std::vector<UInt32> inputs = streamChannels(aggregate, kAudioObjectPropertyScopeInput);
+    ASSERT_GT(inputs.size(), members.size()) << "the tap did not reach the aggregate";
+    EXPECT_EQ(std::vector<UInt32>(inputs.begin(), inputs.begin() + std::ptrdiff_t(members.size())),
+              members);
+    UInt32 tapChannels = 0;
+    for (std::size_t i = members.size(); i < inputs.size(); ++i)
+        tapChannels += inputs[i];
+    EXPECT_EQ(tapChannels, format.mChannelsPerFrame);
+
+    EXPECT_EQ(hardware().destroyAggregateDevice(aggregate), 0);
+    EXPECT_EQ(hardware().destroyProcessTap(tap), 0);
+}
+
 TEST_P(AudioHardwareContract, RefusesAggregatesWithUnknownMembersOrTaps) {
     const AudioObjectID tap = makeGlobalTap();
     ASSERT_NE(tap, kAudioObjectUnknown);
