@@ -12,6 +12,7 @@
 
 #include "Brightmix/AudioDeviceService.h"
 #include "bench/SimulatedSystem.h"
+#include "platform/sim/ForwardingAudioHardware.h"
 #include "platform/sim/SimulatedAudioHardware.h"
 
 namespace brightmix {
@@ -22,13 +23,12 @@ using bench::buildSystem;
 using bench::kMultiOutputDevices;
 using bench::kPlainDevices;
 
-// Answers every call from a table filled by the first call of each kind, so that its own
-// cost is one look-up and a copy.
-class MemoisedHardware final : public AudioHardware {
+// Answers every read from a table filled by the first call of each kind, so that its own
+// cost is one look-up and a copy; everything else goes to the source.
+class MemoisedHardware final : public ForwardingAudioHardware {
 public:
-    explicit MemoisedHardware(AudioHardware& source) : source_(source) {}
-
-    std::int32_t currentProcessID() const override { return source_.currentProcessID(); }
+    explicit MemoisedHardware(AudioHardware& source)
+        : ForwardingAudioHardware(source), source_(source) {}
 
     bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override {
         const auto k = key(object, address);
@@ -65,11 +65,6 @@ public:
         *ioDataSize = static_cast<UInt32>(count);
         return 0;
     }
-    OSStatus setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                             UInt32 qualifierSize, const void* qualifier, UInt32 size,
-                             const void* in) override {
-        return source_.setPropertyData(object, address, qualifierSize, qualifier, size, in);
-    }
     OSStatus getPropertyValue(AudioObjectID object, const AudioObjectPropertyAddress& address,
                               PropertyList* value) override {
         const auto k = key(object, address);
@@ -81,35 +76,6 @@ public:
         }
         *value = found->second.second;
         return found->second.first;
-    }
-    OSStatus setPropertyValue(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                              const PropertyList& value) override {
-        return source_.setPropertyValue(object, address, value);
-    }
-    OSStatus createProcessTap(const TapDescription& description, AudioObjectID* tap) override {
-        return source_.createProcessTap(description, tap);
-    }
-    OSStatus destroyProcessTap(AudioObjectID tap) override {
-        return source_.destroyProcessTap(tap);
-    }
-    OSStatus createAggregateDevice(const PropertyList& description, AudioObjectID* id) override {
-        return source_.createAggregateDevice(description, id);
-    }
-    OSStatus destroyAggregateDevice(AudioObjectID id) override {
-        return source_.destroyAggregateDevice(id);
-    }
-    OSStatus createIOProcID(AudioObjectID device, AudioDeviceIOProc proc, void* clientData,
-                            AudioDeviceIOProcID* procID) override {
-        return source_.createIOProcID(device, proc, clientData, procID);
-    }
-    OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) override {
-        return source_.destroyIOProcID(device, procID);
-    }
-    OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID procID) override {
-        return source_.startDevice(device, procID);
-    }
-    OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID procID) override {
-        return source_.stopDevice(device, procID);
     }
 
 private:

@@ -92,9 +92,8 @@ void BM_PlaybackMonitorPoll(benchmark::State& state) {
 }
 BENCHMARK(BM_PlaybackMonitorPoll)->Unit(benchmark::kMicrosecond);
 
-// The first poll after a start or a back-off: it also builds the 10 taps and aggregates.
-void BM_PlaybackMonitorFirstPoll(benchmark::State& state) {
-    Scene scene;
+// First polls, each after the taps were taken down.
+void runFirstPolls(benchmark::State& state, Scene& scene) {
     for (auto _ : state) {
         state.PauseTiming();
         scene.monitor.stop();
@@ -102,6 +101,12 @@ void BM_PlaybackMonitorFirstPoll(benchmark::State& state) {
         auto heard = scene.monitor.poll(scene.rules);
         benchmark::DoNotOptimize(heard);
     }
+}
+
+// The first poll after a start or a back-off: it also builds the 10 taps and aggregates.
+void BM_PlaybackMonitorFirstPoll(benchmark::State& state) {
+    Scene scene;
+    runFirstPolls(state, scene);
 }
 BENCHMARK(BM_PlaybackMonitorFirstPoll)->Unit(benchmark::kMicrosecond);
 
@@ -111,13 +116,7 @@ BENCHMARK(BM_PlaybackMonitorFirstPoll)->Unit(benchmark::kMicrosecond);
 void BM_PlaybackMonitorFirstPollWithHeldStarts(benchmark::State& state) {
     Scene scene(true);
     scene.held.holdFor = std::chrono::milliseconds(20);
-    for (auto _ : state) {
-        state.PauseTiming();
-        scene.monitor.stop();
-        state.ResumeTiming();
-        auto heard = scene.monitor.poll(scene.rules);
-        benchmark::DoNotOptimize(heard);
-    }
+    runFirstPolls(state, scene);
     if (scene.held.heldStarts() != 0) state.SkipWithError("a poll waited for a held start");
 }
 BENCHMARK(BM_PlaybackMonitorFirstPollWithHeldStarts)->Unit(benchmark::kMicrosecond);

@@ -6,8 +6,8 @@ namespace brightmix {
 
 bool HeldStartHardware::startsOnFirstTapAudio(AudioObjectID device) {
     PropertyList composition;
-    if (inner_.getPropertyValue(device, globalAddress(kAudioAggregateDevicePropertyComposition),
-                                &composition) != kAudioHardwareNoError) {
+    if (inner().getPropertyValue(device, globalAddress(kAudioAggregateDevicePropertyComposition),
+                                 &composition) != kAudioHardwareNoError) {
         return false;
     }
     const PropertyList* key = composition.find(kAudioAggregateDeviceTapAutoStartKey);
@@ -22,7 +22,7 @@ OSStatus HeldStartHardware::startDevice(AudioObjectID device, AudioDeviceIOProcI
         ++heldStarts_;
         std::this_thread::sleep_for(holdFor);
     }
-    return inner_.startDevice(device, procID);
+    return inner().startDevice(device, procID);
 }
 
 } // namespace brightmix
