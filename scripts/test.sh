@@ -19,11 +19,16 @@ cd "$(dirname "$0")/.."
 jobs=${BRIGHTMIX_JOBS:-$(nproc)}
 fuzz_seconds=${BRIGHTMIX_FUZZ_SECONDS:-30}
 passed=0
+stage_started=$SECONDS
 stage() {
+    stage_started=$SECONDS
     echo
     echo "==== $* ===="
 }
-done_stage() { passed=$((passed + 1)); }
+done_stage() {
+    passed=$((passed + 1))
+    echo "---- stage done in $((SECONDS - stage_started)) s"
+}
 
 stage "dependencies"
 ./scripts/install-deps.sh
