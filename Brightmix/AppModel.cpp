@@ -79,6 +79,8 @@ AppModel::AppModel(AppServices services)
     state_.appOutputStatus = kStatusOff;
     if (state_.volume > 0) lastAudibleVolume_ = state_.volume;
 
+    serviceGeneration_ = services_.hardware.serviceGeneration();
+
     // 2. The engine, whose finished recordings come back here.
     engine_ = std::make_unique<SoftwareVolumeEngine>(devices_, static_cast<float>(state_.volume),
                                                      services_.fileWriter);
@@ -287,6 +289,12 @@ void AppModel::writeResumeEnabled(bool isOn) {
 void AppModel::enable() {
     PublishScope publish(*this);
     if (state_.isEnabled) return;
+    if (!services_.hardware.isServiceAvailable()) {
+        // The audio system is restarting: switch on once it answers again.
+        reconnect_ = PendingReconnect{true, state_.selectedDeviceUID, std::nullopt};
+        state_.errorMessage = kReconnectingMessage;
+        return;
+    }
     repairAttemptSignature_.reset();
     refreshDevices(true);
     const std::optional<AudioDevice> selected = selectedDevice();
@@ -365,6 +373,8 @@ void AppModel::startOutputMeter() {
 
 void AppModel::disable(bool restoreOutput) {
     PublishScope publish(*this);
+    // Switched off while waiting for the audio system: it stays off when that comes back.
+    if (reconnect_) reconnect_->wasEnabled = false;
     engine_->stop();
     outputMeter_->stop();
     audioHealth_.reset(*engine_);
@@ -981,8 +991,99 @@ void AppModel::healthCheck() {
 
 // ---- The tick ----------------------------------------------------------------------------------
 
+bool AppModel::followAudioService() {
+    const std::uint64_t generation = services_.hardware.serviceGeneration();
+    if (generation != serviceGeneration_) {
+        serviceGeneration_ = generation;
+        loseAudioService();
+    }
+    if (!reconnect_) return false;
+    if (!services_.hardware.isServiceAvailable()) {
+        reconnect_->answeredAt.reset();
+        return true;
+    }
+    if (!reconnect_->answeredAt) reconnect_->answeredAt = services_.loop.uptime();
+    restoreAfterRestart();
+    return reconnect_.has_value();
+}
+
+void AppModel::loseAudioService() {
+    // Everything built on the old audio system is gone with it; its IDs may already name new
+    // objects, so nothing is destroyed, only forgotten.
+    const bool wasEnabled = state_.isEnabled || (reconnect_ && reconnect_->wasEnabled);
+    appendDiagnostic("the audio system restarted");
+    isRecordingCutByRestart_ = engine_->isRecording();
+    engine_->forgetRouter();
+    isRecordingCutByRestart_ = false;
+    outputMeter_->stop();
+    if (playbackMonitor_) playbackMonitor_->forgetTaps();
+    audioHealth_.reset(*engine_);
+    state_.isEnabled = false;
+    state_.isUsingCompatibilityCapture = false;
+    state_.errorMessage = kReconnectingMessage;
+    // "resumeEnabled" stays as it was: should Brightmix itself end now, it comes back on.
+    const std::optional<std::string> selected =
+        reconnect_ ? reconnect_->selectedUID : state_.selectedDeviceUID;
+    reconnect_ = PendingReconnect{wasEnabled, selected, std::nullopt};
+    applyMediaKeySettings();
+}
+
+void AppModel::restoreAfterRestart() {
+    refreshDevices(false);
+    if (!reconnect_->wasEnabled) {
+        reconnect_.reset();
+        if (state_.errorMessage == kReconnectingMessage) state_.errorMessage.reset();
+        return;
+    }
+    // Back on with what the user had: the same output (made the default again, since the
+    // restarted system may have picked another), volume, mute and per-output settings (all
+    // kept in the state), and the output to restore when switched off again.
+    const std::optional<std::string> restore = restoreDeviceUID_;
+    const std::optional<std::string> wanted = reconnect_->selectedUID;
+    std::optional<std::string> failure;
+    const auto output =
+        std::find_if(state_.outputDevices.begin(), state_.outputDevices.end(),
+                     [&](const AudioDevice& device) { return wanted && device.uid == *wanted; });
+    if (wanted && output == state_.outputDevices.end()) {
+        failure = kDisconnectedMessage;
+    } else {
+        if (wanted) {
+            try {
+                if (state_.systemOutputUID != wanted)
+                    devices_.setDefaultDevice(*output, kAudioHardwarePropertyDefaultOutputDevice);
+                state_.selectedDeviceUID = wanted;
+                settingsWrite::selectedDeviceUID(defaults_, *wanted);
+            } catch (const std::exception& error) {
+                failure = describe(error);
+            }
+        }
+        if (!failure) {
+            enable();
+            if (state_.isEnabled) {
+                if (restore && !restoreDeviceUID_) restoreDeviceUID_ = restore;
+                reconnect_.reset();
+                return;
+            }
+            failure = state_.errorMessage.value_or("");
+        }
+    }
+    restoreDeviceUID_ = restore;
+    if (services_.loop.uptime() - *reconnect_->answeredAt < kReconnectPatience) {
+        // Its devices may not all be back yet: try again next tick, and meanwhile keep
+        // saying what is going on (and come back on should Brightmix itself end now).
+        if (wanted) state_.selectedDeviceUID = wanted;
+        writeResumeEnabled(true);
+        state_.errorMessage = kReconnectingMessage;
+        return;
+    }
+    reconnect_.reset();
+    writeResumeEnabled(false);
+    state_.errorMessage = kReconnectFailedLeadIn + *failure;
+}
+
 void AppModel::tick() {
     PublishScope publish(*this);
+    if (followAudioService()) return;
     engine_->destroyLeftovers();
     recordingUpkeep();
 
@@ -1111,8 +1212,14 @@ void AppModel::onRecordingFinished(const RecordingResult& result) {
     state_.isRecording = false;
     state_.lastRecordingURL = result.url.string();
     state_.recordingDuration = result.duration;
-    state_.recordingMessage = result.error ? std::string("Recording incomplete")
-                                           : "Saved " + result.url.filename().string();
+    if (isRecordingCutByRestart_) {
+        state_.recordingMessage = "The audio system restarted, so recording stopped. “" +
+                                  result.url.filename().string() +
+                                  "” keeps everything recorded until then.";
+    } else {
+        state_.recordingMessage = result.error ? std::string("Recording incomplete")
+                                               : "Saved " + result.url.filename().string();
+    }
     if (recordingFolder_) recordingFolder_->release();
 }
 

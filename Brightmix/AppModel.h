@@ -154,6 +154,15 @@ public:
         "Brightmix heard no sound from your Mac, so it switched off to restore ordinary "
         "Multi-Output playback. Allow Brightmix under System Settings → Privacy & Security → "
         "Screen & System Audio Recording, then switch it on again.";
+    // The audio system restarted (or the connection to it was lost): shown while Brightmix
+    // waits for it and rebuilds what the user had.
+    inline static const std::string kReconnectingMessage =
+        "The audio system restarted. Brightmix is reconnecting…";
+    inline static const std::string kReconnectFailedLeadIn =
+        "Brightmix could not reconnect after the audio system restarted: ";
+    // How long switching back on is retried after the audio system answers again: its
+    // devices come back one after another, a multi-output device last.
+    static constexpr double kReconnectPatience = 15.0;
     inline static const std::string kProductName = "Brightmix";
 
     static constexpr double kRefreshInterval = 1.0;
@@ -307,6 +316,10 @@ private:
     void resetAutomaticSwitching();
     void setIdleStatus();
     void healthCheck();
+    // Follows the audio system's restarts; true while the tick must wait for it.
+    bool followAudioService();
+    void loseAudioService();
+    void restoreAfterRestart();
     // Whether silence from both captures may be the capture permission's doing.
     bool mayLackCapturePermission() const;
     void noteCaptureEvidence();
@@ -343,6 +356,15 @@ private:
     std::optional<double> systemVolume_;
     std::optional<std::pair<double, double>> pendingSystemVolume_;
     double lastAudibleVolume_ = AppSettings::kDefaultVolume;
+    // The audio system's generation last seen, and what to restore once it answers again.
+    std::uint64_t serviceGeneration_ = 0;
+    struct PendingReconnect {
+        bool wasEnabled = false;
+        std::optional<std::string> selectedUID; // the output it was on
+        std::optional<double> answeredAt; // uptime when the audio system answered again
+    };
+    std::optional<PendingReconnect> reconnect_;
+    bool isRecordingCutByRestart_ = false;
     // What this run has seen of the capture permission where the system cannot be asked.
     CaptureAccess observedCaptureAccess_ = CaptureAccess::unknown;
     int publishDepth_ = 0;

@@ -84,6 +84,12 @@ void AppPlaybackMonitor::stop() {
     retryAfter_ = kDistantPast;
 }
 
+void AppPlaybackMonitor::forgetTaps() {
+    for (auto& [bundleID, tap] : taps_)
+        tap->forget();
+    stop();
+}
+
 const PlaybackTap* AppPlaybackMonitor::tap(std::string_view bundleID) const {
     const auto found = taps_.find(bundleID);
     return found == taps_.end() ? nullptr : found->second.get();

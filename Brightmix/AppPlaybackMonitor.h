@@ -49,6 +49,9 @@ public:
 
     // Stops monitoring: destroys every tap and ends any rest, so the next poll starts afresh.
     void stop();
+    // The same after the audio system restarted: the taps are gone already and are only
+    // forgotten.
+    void forgetTaps();
 
     // The processes with running output (other than this program's) that belong to one of
     // the `wanted` bundle IDs. Throws when the process list cannot be read.

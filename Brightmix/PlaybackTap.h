@@ -43,6 +43,14 @@ public:
     std::uint64_t takeCycles() { return SignalCounterTakeCycles(meter_); }
     std::uint64_t takeAudibleFrames() { return SignalCounterTakeAudibleFrames(meter_); }
 
+    // The audio system restarted and took the tap, the aggregate and the IOProc with it:
+    // forget their IDs, so that nothing is destroyed that may now be someone else's.
+    void forget() {
+        tapID_ = kAudioObjectUnknown;
+        aggregateID_ = kAudioObjectUnknown;
+        ioProcID_ = nullptr;
+    }
+
     // Records one poll's IO cycle count and answers how many polls in a row had none.
     std::int64_t notePollCycles(std::uint64_t cycles);
     std::int64_t missingCallbackPolls() const { return missingCallbackPolls_; }

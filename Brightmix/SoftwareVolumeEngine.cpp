@@ -378,6 +378,22 @@ void SoftwareVolumeEngine::stop() noexcept {
     ProcessingTakeOutputPeak(gainState_);
 }
 
+void SoftwareVolumeEngine::forgetRouter() noexcept {
+    try {
+        finishRecording();
+    } catch (...) {
+        // As in stop: the router is forgotten whatever the handler does.
+    }
+    ioProcID_ = nullptr;
+    aggregateID_ = 0;
+    tapID_ = 0;
+    outputBufferRanges_.clear();
+    leftoverAggregates_.clear();
+    leftoverTaps_.clear();
+    isRunning_ = false;
+    ProcessingTakeOutputPeak(gainState_);
+}
+
 void SoftwareVolumeEngine::destroyLeftovers() noexcept {
     std::erase_if(leftoverAggregates_, [this](AudioObjectID aggregate) {
         return hardware_.destroyAggregateDevice(aggregate) == kAudioHardwareNoError;

@@ -71,6 +71,10 @@ public:
     // that order. Never fails: an aggregate or tap the system refuses to destroy is kept as a
     // leftover and destroyed at the next stop or destroyLeftovers().
     void stop() noexcept;
+    // The audio system restarted: the tap, the aggregate and the IOProc are gone with it, and
+    // their IDs may already name other objects. Finishes a recording (the file stays valid)
+    // and forgets the router without a single call to the hardware. Never fails.
+    void forgetRouter() noexcept;
     // Tries again to destroy what an earlier stop could not. The app model calls it every
     // refresh tick.
     void destroyLeftovers() noexcept;

@@ -69,6 +69,17 @@ class AudioHardware {
 public:
     virtual ~AudioHardware() = default;
 
+    // The audio system's life as this program sees it. The generation starts at 0 and goes
+    // up each time the audio system restarted or the connection to it was lost. Every object
+    // ID, tap, aggregate and IOProc from before a change is gone: callers forget them without
+    // destroying them (an ID may already name a new object), and no IOProc registered before
+    // runs again. Any thread may read the generation.
+    virtual std::uint64_t serviceGeneration() const { return 0; }
+    // Whether the audio system answers now. Asking may make a backend that lost its
+    // connection try to connect again, no more often than its back-off allows; while it
+    // answers false, every other call fails. Thread: control.
+    virtual bool isServiceAvailable() { return true; }
+
     // This program's process ID as the hardware knows it (getpid on a real system; a
     // chosen number in the simulation). The engine excludes it from its tap, and process
     // lists skip it.

@@ -51,6 +51,9 @@ inline constexpr AudioObjectPropertySelector kAudioHardwarePropertyProcessObject
 inline constexpr AudioObjectPropertySelector kAudioHardwarePropertyTranslatePIDToProcessObject =
     fourCharCode("id2p");
 inline constexpr AudioObjectPropertySelector kAudioHardwarePropertyTapList = fourCharCode("tps#");
+// Changes when the audio service was reset: everything the client knew is gone.
+inline constexpr AudioObjectPropertySelector kAudioHardwarePropertyServiceRestarted =
+    fourCharCode("srst");
 
 // Devices.
 inline constexpr AudioObjectPropertySelector kAudioDevicePropertyDeviceUID = fourCharCode("uid ");

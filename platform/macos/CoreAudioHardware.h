@@ -6,6 +6,8 @@
 // handed to it unwrapped. Realtime-safe: no.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -18,7 +20,14 @@ public:
     // `report` is told what the HAL gave that the core cannot use (a CF value a property list
     // cannot hold, an aggregate description refused before the HAL saw it).
     using Report = std::function<void(const std::string& message)>;
-    explicit CoreAudioHardware(Report report = {}) : report_(std::move(report)) {}
+    // Listens for the audio service's restarts (the one property listener of the program).
+    explicit CoreAudioHardware(Report report = {});
+    ~CoreAudioHardware() override;
+    CoreAudioHardware(const CoreAudioHardware&) = delete;
+    CoreAudioHardware& operator=(const CoreAudioHardware&) = delete;
+
+    // Counted by the HAL's listener on its own thread; the app model reads it each tick.
+    std::uint64_t serviceGeneration() const override { return serviceGeneration_.load(); }
 
     std::int32_t currentProcessID() const override;
     bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
@@ -55,6 +64,7 @@ private:
         if (report_) report_(message);
     }
     Report report_;
+    std::atomic<std::uint64_t> serviceGeneration_{0};
 };
 
 } // namespace brightmix

@@ -89,6 +89,38 @@ NSString* nsString(const std::string& text) {
 
 } // namespace
 
+namespace {
+
+constexpr ::AudioObjectPropertyAddress kServiceRestartedAddress = {
+    kAudioHardwarePropertyServiceRestarted, kAudioObjectPropertyScopeGlobal,
+    kAudioObjectPropertyElementMain};
+static_assert(brightmix::kAudioHardwarePropertyServiceRestarted ==
+              ::kAudioHardwarePropertyServiceRestarted);
+
+// Runs on a HAL thread. Tearing down or rebuilding audio objects from inside a property
+// listener can deadlock the HAL, so it only counts; the app model acts on its next tick.
+OSStatus onServiceRestarted(AudioObjectID, UInt32, const ::AudioObjectPropertyAddress*,
+                            void* clientData) {
+    static_cast<std::atomic<std::uint64_t>*>(clientData)->fetch_add(1);
+    return noErr;
+}
+
+} // namespace
+
+CoreAudioHardware::CoreAudioHardware(Report report) : report_(std::move(report)) {
+    const OSStatus status =
+        AudioObjectAddPropertyListener(kAudioObjectSystemObject, &kServiceRestartedAddress,
+                                       &onServiceRestarted, &serviceGeneration_);
+    if (status != noErr)
+        this->report("Listening for audio service restarts failed (" +
+                     AudioDeviceError::statusText(status) + ")");
+}
+
+CoreAudioHardware::~CoreAudioHardware() {
+    AudioObjectRemovePropertyListener(kAudioObjectSystemObject, &kServiceRestartedAddress,
+                                      &onServiceRestarted, &serviceGeneration_);
+}
+
 std::int32_t CoreAudioHardware::currentProcessID() const {
     return static_cast<std::int32_t>(getpid());
 }

@@ -13,6 +13,8 @@ class ForwardingAudioHardware : public AudioHardware {
 public:
     explicit ForwardingAudioHardware(AudioHardware& inner) : inner_(inner) {}
 
+    std::uint64_t serviceGeneration() const override { return inner_.serviceGeneration(); }
+    bool isServiceAvailable() override { return inner_.isServiceAvailable(); }
     std::int32_t currentProcessID() const override { return inner_.currentProcessID(); }
     bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override {
         return inner_.hasProperty(object, address);

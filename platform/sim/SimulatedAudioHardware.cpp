@@ -638,6 +638,7 @@ std::size_t SimulatedAudioHardware::callCount(Call call) const {
 
 OSStatus SimulatedAudioHardware::callFault(Call call) {
     ++callCounts_[call];
+    if (!isServiceUp_) return kAudioHardwareNotRunningError;
     const auto found = callFaults_.find(call);
     if (found == callFaults_.end()) return kAudioHardwareNoError;
     const OSStatus status = found->second.first;
@@ -656,6 +657,23 @@ OSStatus SimulatedAudioHardware::propertyFault(AudioObjectID object,
         }
     }
     return kAudioHardwareNoError;
+}
+
+// ---- The audio service's life ----------------------------------------------------------
+
+void SimulatedAudioHardware::restartService(bool staysDown) {
+    // Everything the program made goes with the old service, silently: its IO stops, and
+    // destroying an old ID from now on finds nothing.
+    std::vector<AudioObjectID> aggregates;
+    for (const auto& [id, device] : devices_)
+        if (device->kind == Device::Kind::aggregate) aggregates.push_back(id);
+    for (const AudioObjectID id : aggregates)
+        removeDevice(id);
+    ioProcs_.clear();
+    taps_.clear();
+    isServiceUp_ = !staysDown;
+    serviceGeneration_.fetch_add(1);
+    sceneChanged();
 }
 
 // ---- Leak accounting --------------------------------------------------------------------

@@ -234,6 +234,15 @@ public:
     // How often a call was made (faulted ones included).
     std::size_t callCount(Call call) const;
 
+    // ---- The audio service's life ------------------------------------------------------
+
+    // The audio service restarts (the daemon crashed or was restarted): every tap, aggregate
+    // and IOProc the program made is gone without a callback and their IDs name nothing, the
+    // devices and processes stay, and the service generation goes up. `staysDown`: it does
+    // not answer yet; every call fails with 'stop' until setServiceUp(true).
+    void restartService(bool staysDown = false);
+    void setServiceUp(bool isUp) { isServiceUp_ = isUp; }
+
     // ---- Leak accounting ---------------------------------------------------------------
 
     std::size_t liveTaps() const;
@@ -280,6 +289,8 @@ public:
 
     // ---- AudioHardware -----------------------------------------------------------------
 
+    std::uint64_t serviceGeneration() const override { return serviceGeneration_.load(); }
+    bool isServiceAvailable() override { return isServiceUp_; }
     std::int32_t currentProcessID() const override { return ownPID_; }
     bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
     OSStatus isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -387,6 +398,8 @@ private:
     std::map<Call, std::pair<OSStatus, Times>> callFaults_;
     std::map<Call, std::size_t> callCounts_;
     bool tapsDeliverSilence_ = false;
+    bool isServiceUp_ = true;
+    std::atomic<std::uint64_t> serviceGeneration_{0};
     bool isThreaded_ = false;
     UInt32 threadFrames_ = 256;
     std::chrono::microseconds threadPeriod_{500};
