@@ -653,8 +653,12 @@ void AppModel::followSystemVolume() {
     }
     if (systemVolumeTimer_ != 0) return;
     // The desktop's level is the level: adopt it, so switching on (and later off) changes
-    // nothing the user hears or sees; an output whose volume cannot be read gets ours.
-    if (const std::optional<double> current = readSystemVolume()) {
+    // nothing the user hears or sees; an output whose volume cannot be read gets ours. Not
+    // after the audio system restarted, though: the output came back at whatever level the
+    // system gave it, and the level the user had is ours.
+    const std::optional<double> current =
+        isRestoringAfterRestart_ ? std::nullopt : readSystemVolume();
+    if (current) {
         systemVolume_ = *current;
         if (std::fabs(*current - state_.volume) > 1e-6 || state_.isMuted) {
             state_.isMuted = false;
@@ -1040,6 +1044,11 @@ void AppModel::restoreAfterRestart() {
     // kept in the state), and the output to restore when switched off again.
     const std::optional<std::string> restore = restoreDeviceUID_;
     const std::optional<std::string> wanted = reconnect_->selectedUID;
+    struct RestoringScope {
+        bool& flag;
+        explicit RestoringScope(bool& f) : flag(f) { flag = true; }
+        ~RestoringScope() { flag = false; }
+    } restoring(isRestoringAfterRestart_);
     std::optional<std::string> failure;
     const auto output =
         std::find_if(state_.outputDevices.begin(), state_.outputDevices.end(),

@@ -361,10 +361,11 @@ private:
     struct PendingReconnect {
         bool wasEnabled = false;
         std::optional<std::string> selectedUID; // the output it was on
-        std::optional<double> answeredAt; // uptime when the audio system answered again
+        std::optional<double> answeredAt;       // uptime when the audio system answered again
     };
     std::optional<PendingReconnect> reconnect_;
     bool isRecordingCutByRestart_ = false;
+    bool isRestoringAfterRestart_ = false;
     // What this run has seen of the capture permission where the system cannot be asked.
     CaptureAccess observedCaptureAccess_ = CaptureAccess::unknown;
     int publishDepth_ = 0;

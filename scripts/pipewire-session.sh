@@ -6,9 +6,14 @@
 # any, is never touched. Works as root on a headless machine without D-Bus or a systemd
 # user session.
 #
-#   pipewire-session.sh start DIR   start pipewire, wireplumber and pipewire-pulse
-#   pipewire-session.sh stop DIR    stop what start started, by process ID
-#   pipewire-session.sh env DIR     print the environment a client needs (also in DIR/env.sh)
+#   pipewire-session.sh start DIR     start pipewire, wireplumber and pipewire-pulse
+#   pipewire-session.sh stop DIR      stop what start started, by process ID
+#   pipewire-session.sh kill DIR      end them at once with SIGKILL, as a crash would
+#   pipewire-session.sh restart DIR [--mute NODE]
+#                                     stop what still runs and start again; with --mute the
+#                                     sink NODE comes back muted, as a session manager that
+#                                     saved a mute would bring it back
+#   pipewire-session.sh env DIR       print the environment a client needs (also in DIR/env.sh)
 #
 # Clients reach the session by sourcing DIR/env.sh first. Set BRIGHTMIX_SESSION_PULSE=0 to
 # leave out pipewire-pulse.
@@ -18,14 +23,21 @@ here=$(cd "$(dirname "$0")" && pwd)
 config=$here/pipewire-session
 
 usage() {
-    echo "usage: $0 start|stop|env DIR" >&2
+    echo "usage: $0 start|stop|kill|env DIR, or $0 restart DIR [--mute NODE]" >&2
     exit 2
 }
 
-[ $# -eq 2 ] || usage
+[ $# -ge 2 ] || usage
 command=$1
 mkdir -p "$2"
 dir=$(cd "$2" && pwd)
+shift 2
+mute_node=
+if [ "$command" = restart ] && [ $# -eq 2 ] && [ "$1" = --mute ]; then
+    mute_node=$2
+elif [ $# -ne 0 ]; then
+    usage
+fi
 
 write_env() {
     cat >"$dir/env.sh" <<ENV
@@ -90,6 +102,21 @@ stop_all() {
     stop_one pipewire
 }
 
+kill_one() {
+    local file=$dir/run/$1.pid
+    [ -f "$file" ] || return 0
+    local pid
+    pid=$(cat "$file")
+    if is_alive "$pid"; then
+        kill -KILL "$pid" 2>/dev/null || true
+        for _ in $(seq 250); do
+            is_alive "$pid" || break
+            sleep 0.02
+        done
+    fi
+    rm -f "$file"
+}
+
 fail() {
     echo "pipewire-session.sh: $*" >&2
     for log in "$dir"/logs/*.log; do
@@ -116,8 +143,16 @@ members_linked() {
     grep -q "desk_speakers:playback_FL" <<<"$links" && grep -q "subwoofer:playback_MONO" <<<"$links"
 }
 
-case $command in
-start)
+# Mutes a sink before the session manager runs, the way it would restore a saved mute.
+mute_sink() {
+    local id
+    id=$(pw-cli ls Node 2>/dev/null | awk -v name="\"$1\"" '
+        /^[[:space:]]*id [0-9]+,/ { sub(",", "", $2); current = $2 }
+        $1 == "node.name" && $3 == name { print current; exit }')
+    [ -n "$id" ] && pw-cli set-param "$id" Props '{ mute: true }' >/dev/null 2>&1
+}
+
+start_session() {
     for tool in pipewire wireplumber pw-cli pw-metadata pw-link; do
         command -v "$tool" >/dev/null || fail "$tool is not installed (run scripts/install-deps.sh)"
     done
@@ -135,6 +170,9 @@ start)
     pipewire -c "$config/pipewire.conf" >"$dir/logs/pipewire.log" 2>&1 &
     echo $! >"$dir/run/pipewire.pid"
     wait_for 10 pw-cli info 0 || fail "pipewire did not answer"
+    if [ -n "$mute_node" ]; then
+        wait_for 10 mute_sink "$mute_node" || fail "$mute_node could not be muted"
+    fi
 
     wireplumber >"$dir/logs/wireplumber.log" 2>&1 &
     echo $! >"$dir/run/wireplumber.pid"
@@ -153,9 +191,25 @@ start)
         fi
     fi
     echo "pipewire-session.sh: session running under $dir (. $dir/env.sh to use it)"
+}
+
+case $command in
+start)
+    start_session
     ;;
 stop)
     stop_all
+    ;;
+kill)
+    # The server first, as in a crash; its clients then lose it whether or not they end on
+    # their own.
+    kill_one pipewire
+    kill_one wireplumber
+    kill_one pipewire-pulse
+    ;;
+restart)
+    stop_all
+    start_session
     ;;
 env)
     write_env

@@ -6,6 +6,10 @@
 // Crash safety: before the router mutes the multi-output sink, the backend starts
 // brightmix-watchdog (found next to this program) and writes a mute record; every start
 // repairs a mute that an earlier run left behind.
+//
+// If the audio server goes away while routing (it crashed or was restarted), the router is
+// gone with it: this program says so in one line, finishes a recording and ends with status
+// 1. The multi-output sink's mute is then the watchdog's to restore once the server is back.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -91,11 +95,21 @@ std::optional<AudioDevice> chooseDevice(const AudioDeviceService& service,
     return std::nullopt;
 }
 
-// Waits for SIGINT, SIGTERM or SIGHUP (blocked in every thread), or until `seconds` pass.
-void waitForInterrupt(const sigset_t& signals, std::optional<double> seconds) {
+void reportServerGone() {
+    std::fprintf(stderr, "brightmix: the audio server went away; routing stopped.\n");
+}
+
+// Waits for SIGINT, SIGTERM or SIGHUP (blocked in every thread), until `seconds` pass, or
+// until the audio server's generation moves on from `generation`. True when the server
+// went away.
+bool waitWhileRouting(const sigset_t& signals, std::optional<double> seconds,
+                      const AudioHardware& hardware, std::uint64_t generation) {
     timespec start{};
     clock_gettime(CLOCK_MONOTONIC, &start);
     while (true) {
+        if (hardware.serviceGeneration() != generation) {
+            return true;
+        }
         timespec wait{0, 200'000'000};
         if (seconds) {
             timespec now{};
@@ -103,17 +117,18 @@ void waitForInterrupt(const sigset_t& signals, std::optional<double> seconds) {
             double elapsed =
                 double(now.tv_sec - start.tv_sec) + 1e-9 * double(now.tv_nsec - start.tv_nsec);
             if (elapsed >= *seconds) {
-                return;
+                return false;
             }
         }
         if (sigtimedwait(&signals, nullptr, &wait) > 0) {
-            return;
+            return hardware.serviceGeneration() != generation;
         }
     }
 }
 
 int route(pipewire::PipeWireAudioHardware& hardware, AudioDeviceService& service,
           const RouteSettings& settings, const sigset_t& signals) {
+    const std::uint64_t generation = hardware.serviceGeneration();
     std::string problem;
     auto device = chooseDevice(service, settings, &problem);
     if (!device) {
@@ -172,6 +187,12 @@ int route(pipewire::PipeWireAudioHardware& hardware, AudioDeviceService& service
             engine.startRecording(*settings.recordingPath, *settings.recordingFormat);
         }
     } catch (...) {
+        if (hardware.serviceGeneration() != generation) {
+            // Nothing of the router is left to take down.
+            engine.forgetRouter();
+            reportServerGone();
+            return 1;
+        }
         engine.stop();
         if (previous && previous->uid != device->uid) {
             service.setDefaultDevice(*previous, kAudioHardwarePropertyDefaultOutputDevice);
@@ -182,16 +203,26 @@ int route(pipewire::PipeWireAudioHardware& hardware, AudioDeviceService& service
                 device->name.c_str(), settings.volume * 100.0, settings.isMuted ? ", muted" : "");
     std::fflush(stdout);
 
-    waitForInterrupt(signals, settings.seconds);
+    if (waitWhileRouting(signals, settings.seconds, hardware, generation)) {
+        // The tap, the filter and their IDs went with the server: forget them, and keep the
+        // recording's file valid. Whether the device plays directly now is for the restarted
+        // server (and the watchdog) to decide; nothing here can tell.
+        engine.forgetRouter();
+        reportServerGone();
+        return 1;
+    }
 
     engine.stop();
+    if (hardware.serviceGeneration() != generation) {
+        reportServerGone();
+        return 1;
+    }
     if (previous && previous->uid != device->uid) {
         if (auto stillThere = service.device(previous->uid)) {
             service.setDefaultDevice(*stillThere, kAudioHardwarePropertyDefaultOutputDevice);
         }
     }
     std::printf("Stopped; %s plays directly again.\n", device->name.c_str());
-    (void)hardware;
     return 0;
 }
 
@@ -240,10 +271,18 @@ int main(int argc, char** argv) {
         }
         return route(*hardware, service, command.route, signals);
     } catch (const AudioDeviceError& failure) {
-        std::fprintf(stderr, "brightmix: %s\n", failure.localizedDescription().c_str());
+        if (hardware->serviceGeneration() != 0) {
+            reportServerGone();
+        } else {
+            std::fprintf(stderr, "brightmix: %s\n", failure.localizedDescription().c_str());
+        }
         return 1;
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "brightmix: %s\n", failure.what());
+        if (hardware->serviceGeneration() != 0) {
+            reportServerGone();
+        } else {
+            std::fprintf(stderr, "brightmix: %s\n", failure.what());
+        }
         return 1;
     }
 }

@@ -7,6 +7,13 @@
 // A clean stop writes one byte and this program leaves at once. If the pipe closes
 // without that byte, the owner is gone: the sink is unmuted and the mute record cleared,
 // within a few milliseconds of the owner's death.
+//
+// The owner may also hand the sink over on purpose: when the audio server went away under
+// it and it ends before the server is back, it closes the pipe the same way. So the server
+// may be restarting when this program starts working: it keeps trying for a while, waits
+// until the session manager has configured the new graph (which may bring the sink back
+// muted from its saved state), and leaves the sink alone if another live Brightmix has
+// muted it since.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -40,20 +47,26 @@ int main(int argc, char** argv) {
     options.clientName = "Brightmix watchdog";
     options.muteRecordPath = recordPath;
     options.timeoutSeconds = 0.5;
-    // The server may be restarting at the same moment; try for a few seconds.
-    for (int attempt = 0; attempt < 20; ++attempt) {
+    // A restarted server answers within a second or two; one that stays away longer leaves
+    // the record for the next start of Brightmix to repair.
+    constexpr int kAttempts = 120;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
         std::string error;
         auto hardware = PipeWireAudioHardware::connect(options, &error);
         if (hardware) {
-            auto mute = hardware->sinkMute(node);
-            OSStatus status = mute.value_or(false) ? hardware->setSinkMute(node, false) : 0;
+            hardware->waitForSession(2.0);
+            OSStatus status = 0;
+            if (!isMutedByAnotherOwner(recordPath, node, owner)) {
+                auto mute = hardware->sinkMute(node);
+                status = mute.value_or(false) ? hardware->setSinkMute(node, false) : 0;
+            }
             if (status == 0) {
                 removeMuteRecord(recordPath, MuteRecord{owner, node});
                 return 0;
             }
             std::fprintf(stderr, "brightmix-watchdog: unmuting %s failed (%d)\n", node.c_str(),
                          static_cast<int>(status));
-        } else if (attempt == 19) {
+        } else if (attempt == kAttempts - 1) {
             std::fprintf(stderr, "brightmix-watchdog: %s\n", error.c_str());
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(250));

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 #include <spawn.h>
@@ -79,6 +80,34 @@ std::string scratchDirectory() {
         session ? *session + "/scratch" : "/tmp/brightmix-tests-" + std::to_string(::getpid());
     std::filesystem::create_directories(dir);
     return dir;
+}
+
+bool controlSession(const std::string& verbAndOptions) {
+#ifdef BRIGHTMIX_SOURCE_DIR
+    auto session = sessionDirectory();
+    if (!session) {
+        ADD_FAILURE() << "no session to " << verbAndOptions;
+        return false;
+    }
+    const std::string log = *session + "/logs/control.log";
+    const auto space = verbAndOptions.find(' ');
+    const std::string verb = verbAndOptions.substr(0, space);
+    const std::string options = space == std::string::npos ? "" : verbAndOptions.substr(space);
+    const std::string command = std::string("'") + BRIGHTMIX_SOURCE_DIR +
+                                "/scripts/pipewire-session.sh' " + verb + " '" + *session + "'" +
+                                options + " >'" + log + "' 2>&1";
+    if (std::system(command.c_str()) != 0) {
+        std::ifstream in(log);
+        std::string output((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        ADD_FAILURE() << command << " failed:\n" << output;
+        return false;
+    }
+    return true;
+#else
+    ADD_FAILURE() << "the session script's location is unknown to this build";
+    (void)verbAndOptions;
+    return false;
+#endif
 }
 
 std::string watchdogExecutable() {

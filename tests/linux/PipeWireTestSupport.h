@@ -27,6 +27,13 @@ std::string scratchDirectory();
 // The watchdog executable this build made.
 std::string watchdogExecutable();
 
+// Runs scripts/pipewire-session.sh on the tests' own session with a verb and its options:
+// "kill" ends the server and its session manager at once, as a crash would; "restart" (with
+// "--mute NODE": that sink comes back muted) stops what still runs and starts the session
+// again. Only this session's processes are touched, by the process IDs it recorded. False,
+// with a test failure that shows the script's output, when the script failed.
+bool controlSession(const std::string& verbAndOptions);
+
 // Writes a stereo 32-bit float WAV file of `seconds` of a sine at `hz` with peak
 // `amplitude` on both channels (amplitude 0 writes silence).
 void writeToneFile(const std::string& path, double hz, double amplitude, double seconds);

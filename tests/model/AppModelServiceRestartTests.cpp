@@ -194,5 +194,30 @@ TEST_F(ServiceRestartTest, AutomaticSwitchingGoesOnWithFreshDetection) {
         << state().appOutputStatus;
 }
 
+// Where the desktop's volume is the keys' channel, the output comes back from a restart at
+// whatever level the restarted system gave it: the user's level is Brightmix's, not that one.
+TEST_F(ServiceRestartTest, TheOutputComesBackAtTheUsersLevelWhereTheDesktopOwnsTheKeys) {
+    const AudioObjectID speakers = sim.addDevice(
+        SimulatedAudioHardware::DeviceSpec("V", "Room Speakers", {2}).volumeControl(0));
+    followsSystemVolume = true;
+    launch();
+    model->selectOutput("V", false);
+    model->setEnabled(true);
+    ASSERT_TRUE(model->isFollowingSystemVolume());
+    model->setVolume(0.4);
+    sim.restartService(true);
+    tick();
+    sim.setServiceUp(true);
+    const Float32 fresh = 1.0f;
+    const AudioObjectPropertyAddress volume{kAudioDevicePropertyVolumeScalar,
+                                            kAudioObjectPropertyScopeOutput, 0};
+    ASSERT_EQ(sim.setPropertyData(speakers, volume, 0, nullptr, sizeof fresh, &fresh), 0);
+    tick();
+    ASSERT_TRUE(state().isEnabled) << state().errorMessage.value_or("");
+    EXPECT_NEAR(state().volume, 0.4, 1e-6);
+    EXPECT_FLOAT_EQ(masterGain(), 0.4f);
+    EXPECT_FLOAT_EQ(sim.volumeScalar(speakers, 0), 0.4f) << "the output is given ours";
+}
+
 } // namespace
 } // namespace brightmix::testing

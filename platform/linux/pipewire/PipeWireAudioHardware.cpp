@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <ctime>
@@ -24,6 +25,7 @@
 #include <spa/pod/builder.h>
 #include <spa/pod/iter.h>
 #include <spa/utils/result.h>
+#include <thread>
 #include <unistd.h>
 
 #include "platform/linux/pipewire/PipeWireMuteGuard.h"
@@ -34,6 +36,30 @@ namespace brightmix::pipewire {
 namespace {
 
 constexpr std::string_view kPrivatePrefix = "com.corvale.brightmix.private.";
+
+// Between attempts to reach a server that went away: quick at first, since a restart takes
+// a fraction of a second, then once a second.
+constexpr std::chrono::milliseconds kFirstRetryDelay{250};
+constexpr std::chrono::milliseconds kLongestRetryDelay{1000};
+// How long a new connection waits for a session manager to configure the graph before it is
+// used as it is (a session may have none).
+constexpr std::chrono::milliseconds kSessionPatience{2000};
+
+// How the native protocol reports a connection that broke (the server died, was restarted or
+// hung up): an error on the core object, -EPIPE for a hang-up and the socket's own error
+// otherwise, always with the text "connection error".
+bool isConnectionLoss(int res, const char* message) {
+    switch (-res) {
+    case EPIPE:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case ENOTCONN:
+    case ESHUTDOWN:
+        return true;
+    default:
+        return message != nullptr && std::strcmp(message, "connection error") == 0;
+    }
+}
 
 // pw_init is process-wide and counted; pair every connection with one init and deinit.
 std::mutex& initMutex() {
@@ -219,6 +245,12 @@ public:
         std::string channel;
     };
 
+    // A sink a router muted, and the watchdog that unmutes it should this process die.
+    struct RouterMute {
+        std::string sink;
+        std::optional<MuteWatchdog> watchdog;
+    };
+
     struct Aggregate {
         Impl* impl = nullptr;
         AudioObjectID id = 0;
@@ -239,12 +271,19 @@ public:
         std::vector<std::unique_ptr<OwnedLink>> links;
         std::uintptr_t procToken = 0;
         bool isStarted = false;
-        std::vector<std::string> mutedSinks;
-        std::vector<MuteWatchdog> watchdogs;
+        std::vector<RouterMute> mutes;
+    };
+
+    enum class Service {
+        up,       // connected and configured: calls are answered
+        lost,     // the server went away; the old connection is still to be closed
+        down,     // closed; isServiceAvailable() may connect again
+        settling, // connected again, waiting for the session manager to configure the graph
     };
 
     Options options;
     std::string recordPath;
+    bool isInitialized = false;
     pw_thread_loop* loop = nullptr;
     pw_context* context = nullptr;
     pw_core* core = nullptr;
@@ -260,15 +299,28 @@ public:
     pw_metadata* defaultMetadata = nullptr;
     std::map<int, OwnedLink*> linksByProxyID;
     int doneSeq = -1;
+    // The current connection reported that the server is gone.
     bool isDisconnected = false;
     std::string connectionError;
+    // Mutes our routers held when the server went away, repaired once connected again.
+    std::vector<RouterMute> orphanedMutes;
+    // The map changes only under the lock, because the loss handler stops every aggregate's
+    // cycle; everything else in an aggregate belongs to the main thread.
+    std::map<AudioObjectID, std::unique_ptr<Aggregate>> aggregates;
+
+    // Written under the loop's lock (or while its thread is stopped), read anywhere.
+    std::atomic<Service> service{Service::down};
+    std::atomic<std::uint64_t> generation{0};
 
     // Main thread only.
     std::map<AudioObjectID, Tap> taps;
-    std::map<AudioObjectID, std::unique_ptr<Aggregate>> aggregates;
     AudioObjectID nextTap = kTapObjectBase + 1;
     AudioObjectID nextAggregate = kAggregateObjectBase + 1;
     std::uintptr_t nextProcToken = 1;
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point nextAttempt{};
+    Clock::duration retryDelay = kFirstRetryDelay;
+    Clock::time_point settlingSince{};
 
     ~Impl() { shutdown(); }
 
@@ -285,11 +337,12 @@ public:
         pw_thread_loop* loop_;
     };
 
-    bool open(std::string* error) {
+    bool start(std::string* error) {
         {
             std::lock_guard guard(initMutex());
             pw_init(nullptr, nullptr);
         }
+        isInitialized = true;
         recordPath =
             options.muteRecordPath.empty() ? defaultMuteRecordPath() : options.muteRecordPath;
         loop = pw_thread_loop_new("brightmix-pipewire", nullptr);
@@ -297,6 +350,21 @@ public:
             *error = "could not create the PipeWire thread";
             return false;
         }
+        if (!openConnection(error)) {
+            closeConnection();
+            return false;
+        }
+        Lock lock(loop);
+        service = Service::up;
+        return true;
+    }
+
+    // A fresh context and connection on the loop (whose thread is stopped), and the whole
+    // graph read once: the same for the first connection and every reconnection.
+    bool openConnection(std::string* error) {
+        isDisconnected = false;
+        connectionError.clear();
+        doneSeq = -1;
         // client-rt.conf loads the real-time module, so the data thread that runs the
         // router gets a real-time priority where the system allows one.
         context =
@@ -344,23 +412,25 @@ public:
         return true;
     }
 
-    void shutdown() {
-        if (loop == nullptr) {
-            return;
-        }
-        for (auto& [id, aggregate] : aggregates) {
-            stopAggregate(*aggregate);
-        }
+    // Closes the connection and stops the loop's thread. Links, filters and bound objects
+    // are destroyed on this side only when the server is gone, which is all they need then;
+    // the filters go before the core, which would otherwise destroy them under our feet.
+    // Aggregates and taps stay for the caller to forget.
+    void closeConnection() {
         {
             Lock lock(loop);
             for (auto& [id, aggregate] : aggregates) {
+                releaseLinksLocked(*aggregate);
                 destroyFilterLocked(*aggregate);
             }
+            streamTapped.clear();
+            linksByProxyID.clear();
             for (auto& [id, object] : bound) {
                 spa_hook_remove(&object->hook);
                 pw_proxy_destroy(object->proxy);
             }
             bound.clear();
+            defaultMetadata = nullptr;
             if (registry != nullptr) {
                 spa_hook_remove(&registryHook);
                 pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry));
@@ -371,17 +441,222 @@ public:
                 pw_core_disconnect(core);
                 core = nullptr;
             }
+            graph = PipeWireGraph{};
         }
-        aggregates.clear();
+        // Without the lock: the thread takes it once more on its way out.
         pw_thread_loop_stop(loop);
         if (context != nullptr) {
             pw_context_destroy(context);
             context = nullptr;
         }
-        pw_thread_loop_destroy(loop);
-        loop = nullptr;
-        std::lock_guard guard(initMutex());
-        pw_deinit();
+    }
+
+    void shutdown() {
+        if (loop != nullptr) {
+            if (service.load() == Service::up) {
+                for (auto& [id, aggregate] : aggregates) {
+                    stopAggregate(*aggregate);
+                }
+            }
+            closeConnection();
+            {
+                Lock lock(loop);
+                aggregates.clear();
+            }
+            taps.clear();
+            // Mutes from before a loss that no reconnection repaired: their watchdogs restore
+            // the sinks once the server answers again (without one, the record stays for the
+            // next start's repair).
+            for (RouterMute& mute : orphanedMutes) {
+                if (mute.watchdog) {
+                    mute.watchdog->release();
+                }
+            }
+            orphanedMutes.clear();
+            pw_thread_loop_destroy(loop);
+            loop = nullptr;
+        }
+        if (isInitialized) {
+            std::lock_guard guard(initMutex());
+            pw_deinit();
+            isInitialized = false;
+        }
+    }
+
+    // --- losing the server and finding it again --------------------------------------
+
+    // The server is gone (loop thread, lock held). No IOProc may run once the generation has
+    // changed, so every cycle stops first. The mutes our routers hold are set aside for the
+    // repair after reconnecting, their watchdogs still armed in case this process dies
+    // meanwhile.
+    void loseConnectionLocked() {
+        if (isDisconnected) {
+            return;
+        }
+        isDisconnected = true;
+        connectionError = "the PipeWire server went away";
+        const Service current = service.load();
+        if (current == Service::up) {
+            for (auto& [id, aggregate] : aggregates) {
+                aggregate->cycle->stop();
+                for (RouterMute& mute : aggregate->mutes) {
+                    orphanedMutes.push_back(std::move(mute));
+                }
+                aggregate->mutes.clear();
+            }
+            graph = PipeWireGraph{};
+            service = Service::lost;
+            generation.fetch_add(1);
+        } else if (current == Service::settling) {
+            service = Service::lost;
+        }
+    }
+
+    // Drops the connection that went away: its filters and proxies are destroyed locally and
+    // its aggregates and taps forgotten, so their IDs answer '!obj' from now on. (The counters
+    // go on: an old tap, aggregate or IOProc ID never names a new one.)
+    void forgetLostConnection() {
+        closeConnection();
+        {
+            Lock lock(loop);
+            aggregates.clear();
+            service = Service::down;
+        }
+        taps.clear();
+    }
+
+    // Whether the session manager has configured the graph: the default output is chosen and
+    // every device node has its ports and its Props. Before that a multi-output sink's members
+    // may have no ports yet (a router built then would leave them out), and a mute the session
+    // manager restores may still be on its way.
+    bool isSessionConfiguredLocked() const {
+        auto name = graph.defaultSinkName();
+        if (defaultMetadata == nullptr || !name || graph.nodeNamed(*name) == nullptr) {
+            return false;
+        }
+        for (std::uint32_t id : graph.deviceNodes()) {
+            const GraphNode* node = graph.node(id);
+            bool hasPorts =
+                !graph.portsOf(id, true, false).empty() || !graph.portsOf(id, false, false).empty();
+            if (node == nullptr || !hasPorts || !node->mute) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool isServiceAvailable() {
+        if (service.load() == Service::up) {
+            return true;
+        }
+        const auto now = Clock::now();
+        if (service.load() == Service::lost) {
+            forgetLostConnection();
+            nextAttempt = now;
+            retryDelay = kFirstRetryDelay;
+        }
+        if (service.load() == Service::down) {
+            if (now < nextAttempt) {
+                return false;
+            }
+            std::string ignored;
+            if (!openConnection(&ignored)) {
+                closeConnection();
+                nextAttempt = now + retryDelay;
+                retryDelay = std::min<Clock::duration>(retryDelay * 2, kLongestRetryDelay);
+                return false;
+            }
+            Lock lock(loop);
+            service = isDisconnected ? Service::lost : Service::settling;
+            settlingSince = now;
+        }
+        {
+            Lock lock(loop);
+            if (service.load() != Service::settling || !syncLocked() ||
+                service.load() != Service::settling) {
+                return false;
+            }
+            if (!isSessionConfiguredLocked() && Clock::now() - settlingSince < kSessionPatience) {
+                return false;
+            }
+            service = Service::up;
+        }
+        retryDelay = kFirstRetryDelay;
+        repairAfterReconnecting();
+        return service.load() == Service::up;
+    }
+
+    // No mute of ours may outlast a restart: a sink our router had muted comes back muted
+    // when the session manager restores that state, or stays muted when only the connection
+    // broke. Each is unmuted unless another live Brightmix routes it now, its record cleared
+    // and its watchdog dismissed; then records whose owner died meanwhile are repaired as at
+    // start-up. A repair the server does not confirm waits for the next reconnection with its
+    // watchdog still armed: retrying it while connected could unmute a router built since.
+    void repairAfterReconnecting() {
+        std::vector<RouterMute> pending;
+        {
+            Lock lock(loop);
+            pending.swap(orphanedMutes);
+        }
+        const std::int32_t self = ::getpid();
+        std::vector<RouterMute> unconfirmed;
+        for (RouterMute& mute : pending) {
+            OSStatus status = kAudioHardwareNoError;
+            if (!isMutedByAnotherOwner(recordPath, mute.sink, self)) {
+                Lock lock(loop);
+                const GraphNode* node = graph.nodeNamed(mute.sink);
+                if (node != nullptr && node->mute.value_or(false)) {
+                    status = setProps(node->id, false, {});
+                }
+            }
+            if (status != kAudioHardwareNoError) {
+                unconfirmed.push_back(std::move(mute));
+                continue;
+            }
+            removeMuteRecord(recordPath, MuteRecord{self, mute.sink});
+            if (mute.watchdog) {
+                mute.watchdog->disarm();
+            }
+        }
+        if (!unconfirmed.empty()) {
+            Lock lock(loop);
+            for (RouterMute& mute : unconfirmed) {
+                orphanedMutes.push_back(std::move(mute));
+            }
+        }
+        repairRecords(false);
+    }
+
+    // Unmutes the sinks of records whose owner is gone and clears those records. This
+    // process's own records count as gone only when asked: at start-up it routes nothing yet,
+    // after a reconnection its own mutes were repaired precisely above.
+    std::vector<std::string> repairRecords(bool includeOwnRecords) {
+        std::vector<std::string> repaired;
+        for (const MuteRecord& record : readMuteRecords(recordPath)) {
+            bool isOwn = record.ownerPID == ::getpid();
+            if (isOwn ? !includeOwnRecords : isProcessAlive(record.ownerPID)) {
+                continue; // its owner still routes and will restore the sink itself
+            }
+            std::optional<bool> mute;
+            {
+                Lock lock(loop);
+                if (service.load() != Service::up) {
+                    return repaired;
+                }
+                const GraphNode* node = graph.nodeNamed(record.nodeName);
+                mute = node != nullptr ? node->mute : std::nullopt;
+            }
+            // A sink that is gone or already audible needs nothing more.
+            bool isSettled = !mute || !*mute;
+            if (!isSettled && setMute(record.nodeName, false) == kAudioHardwareNoError) {
+                repaired.push_back(record.nodeName);
+                isSettled = true;
+            }
+            if (isSettled) {
+                removeMuteRecord(recordPath, record);
+            }
+        }
+        return repaired;
     }
 
     // Waits, with the lock held, until `done` holds or the timeout passes.
@@ -421,9 +696,8 @@ public:
     static void onCoreError(void* data, std::uint32_t id, int /*seq*/, int res,
                             const char* message) {
         auto* impl = static_cast<Impl*>(data);
-        if (id == PW_ID_CORE && res == -EPIPE) {
-            impl->isDisconnected = true;
-            impl->connectionError = "the PipeWire server went away";
+        if (id == PW_ID_CORE && isConnectionLoss(res, message)) {
+            impl->loseConnectionLocked();
         }
         auto link = impl->linksByProxyID.find(static_cast<int>(id));
         if (link != impl->linksByProxyID.end()) {
@@ -642,7 +916,7 @@ public:
 
     Answer answer(AudioObjectID object, const AudioObjectPropertyAddress& address,
                   UInt32 qualifierSize, const void* qualifier) {
-        if (isDisconnected) {
+        if (service.load() != Service::up) {
             return failure(kAudioHardwareNotRunningError);
         }
         if (object == kAudioObjectSystemObject) {
@@ -949,6 +1223,9 @@ public:
 
     OSStatus setDefault(bool output, AudioObjectID device) {
         Lock lock(loop);
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         auto node = nodeOfDeviceObject(device);
         const GraphNode* target = node ? graph.node(*node) : nullptr;
         if (target == nullptr || !graph.isDevice(*target)) {
@@ -978,6 +1255,9 @@ public:
     OSStatus setVolume(AudioObjectID device, const AudioObjectPropertyAddress& address,
                        Float32 scalar) {
         Lock lock(loop);
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         auto node = nodeOfDeviceObject(device);
         const GraphNode* target = node ? graph.node(*node) : nullptr;
         if (target == nullptr || !graph.isDevice(*target)) {
@@ -1053,6 +1333,9 @@ public:
 
     OSStatus setMute(std::string_view name, bool mute) {
         Lock lock(loop);
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         const GraphNode* node = graph.nodeNamed(name);
         if (node == nullptr) {
             return kAudioHardwareBadDeviceError;
@@ -1068,7 +1351,7 @@ public:
         }
         *tapID = kAudioObjectUnknown;
         Lock lock(loop);
-        if (isDisconnected) {
+        if (service.load() != Service::up) {
             return kAudioHardwareNotRunningError;
         }
         for (AudioObjectID process : description.processes) {
@@ -1123,6 +1406,9 @@ public:
     }
 
     OSStatus destroyTap(AudioObjectID tapID) {
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         auto found = taps.find(tapID);
         if (found == taps.end()) {
             return kAudioHardwareBadObjectError;
@@ -1143,6 +1429,9 @@ public:
             return kAudio_ParamError;
         }
         *deviceID = kAudioObjectUnknown;
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         if (description.asDictionary() == nullptr) {
             return kAudio_ParamError;
         }
@@ -1164,7 +1453,7 @@ public:
         }
 
         Lock lock(loop);
-        if (isDisconnected) {
+        if (service.load() != Service::up) {
             return kAudioHardwareNotRunningError;
         }
         if (const PropertyList* subdevices =
@@ -1320,24 +1609,29 @@ public:
     }
 
     OSStatus destroyAggregate(AudioObjectID deviceID) {
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         auto found = aggregates.find(deviceID);
         if (found == aggregates.end()) {
             return kAudioHardwareBadDeviceError;
         }
         stopAggregate(*found->second);
-        {
-            Lock lock(loop);
-            destroyFilterLocked(*found->second);
-        }
         if (auto tap = taps.find(found->second->tapID); tap != taps.end()) {
             tap->second.aggregates -= 1;
         }
+        Lock lock(loop);
+        destroyFilterLocked(*found->second);
         aggregates.erase(found);
         return kAudioHardwareNoError;
     }
 
     Aggregate* aggregateWithProc(AudioObjectID device, AudioDeviceIOProcID procID,
                                  OSStatus* status) {
+        if (service.load() != Service::up) {
+            *status = kAudioHardwareNotRunningError;
+            return nullptr;
+        }
         auto found = aggregates.find(device);
         if (found == aggregates.end()) {
             *status = nodeOfDeviceObject(device) ? kAudioHardwareUnsupportedOperationError
@@ -1359,6 +1653,9 @@ public:
             return kAudio_ParamError;
         }
         *procID = nullptr;
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         auto found = aggregates.find(device);
         if (found == aggregates.end()) {
             // Only Brightmix's own filter nodes run code in the graph.
@@ -1405,12 +1702,14 @@ public:
     }
 
     OSStatus startLinks(Aggregate& aggregate) {
-        aggregate.isStarted = true;
-        aggregate.cycle->start();
         Lock lock(loop);
-        if (isDisconnected) {
+        // Under the lock, so that a loss cannot slip in between the check and the start and
+        // leave a cycle running after the generation changed.
+        if (service.load() != Service::up) {
             return kAudioHardwareNotRunningError;
         }
+        aggregate.isStarted = true;
+        aggregate.cycle->start();
         aggregate.filterError.clear();
         if (pw_filter_connect(aggregate.filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
             return kAudioHardwareUnspecifiedError;
@@ -1653,6 +1952,9 @@ public:
     }
 
     OSStatus muteForRouterLocked(Aggregate& aggregate, const std::string& sink) {
+        if (service.load() != Service::up) {
+            return kAudioHardwareNotRunningError;
+        }
         const GraphNode* node = graph.nodeNamed(sink);
         if (node == nullptr) {
             return kAudioHardwareBadDeviceError;
@@ -1664,27 +1966,23 @@ public:
         MuteRecord record{::getpid(), sink};
         // The record goes first: whatever happens after this, the next start can repair.
         addMuteRecord(recordPath, record);
+        RouterMute mute{sink, std::nullopt};
         if (!options.watchdogExecutable.empty()) {
             std::string error;
-            auto watchdog =
+            mute.watchdog =
                 MuteWatchdog::arm(options.watchdogExecutable, record, recordPath, &error);
-            if (!watchdog) {
+            if (!mute.watchdog) {
                 removeMuteRecord(recordPath, record);
                 return kAudioHardwareIllegalOperationError;
             }
-            aggregate.watchdogs.push_back(std::move(*watchdog));
         }
-        aggregate.mutedSinks.push_back(sink);
-        return setProps(node->id, true, {});
+        const std::uint32_t nodeID = node->id;
+        aggregate.mutes.push_back(std::move(mute));
+        return setProps(nodeID, true, {});
     }
 
-    void stopAggregate(Aggregate& aggregate) {
-        if (!aggregate.isStarted) {
-            return;
-        }
-        // No IOProc call after this returns, so its client data may go.
-        aggregate.cycle->stop();
-        Lock lock(loop);
+    // Lock held.
+    void releaseLinksLocked(Aggregate& aggregate) {
         streamTapped.erase(std::remove(streamTapped.begin(), streamTapped.end(), &aggregate),
                            streamTapped.end());
         aggregate.linkedStreamPorts.clear();
@@ -1697,20 +1995,36 @@ public:
             }
         }
         aggregate.links.clear();
+    }
+
+    void stopAggregate(Aggregate& aggregate) {
+        if (!aggregate.isStarted) {
+            return;
+        }
+        // No IOProc call after this returns, so its client data may go.
+        aggregate.cycle->stop();
+        Lock lock(loop);
+        releaseLinksLocked(aggregate);
         syncLocked();
         // The router's path is gone before the direct one comes back: a short gap rather
-        // than a moment of doubled sound.
-        for (const std::string& sink : aggregate.mutedSinks) {
-            if (const GraphNode* node = graph.nodeNamed(sink)) {
+        // than a moment of doubled sound. Taken out first: the loss handler empties the
+        // list while a wait below lets it run.
+        std::vector<RouterMute> mutes = std::move(aggregate.mutes);
+        aggregate.mutes.clear();
+        for (RouterMute& mute : mutes) {
+            if (const GraphNode* node = graph.nodeNamed(mute.sink)) {
                 setProps(node->id, false, {});
             }
-            removeMuteRecord(recordPath, MuteRecord{::getpid(), sink});
+            if (isDisconnected) {
+                // The server went away before it confirmed: repaired after reconnecting.
+                orphanedMutes.push_back(std::move(mute));
+                continue;
+            }
+            removeMuteRecord(recordPath, MuteRecord{::getpid(), mute.sink});
+            if (mute.watchdog) {
+                mute.watchdog->disarm();
+            }
         }
-        aggregate.mutedSinks.clear();
-        for (MuteWatchdog& watchdog : aggregate.watchdogs) {
-            watchdog.disarm();
-        }
-        aggregate.watchdogs.clear();
         if (aggregate.filter != nullptr) {
             pw_filter_disconnect(aggregate.filter);
         }
@@ -1736,7 +2050,7 @@ std::unique_ptr<PipeWireAudioHardware> PipeWireAudioHardware::connect(const Opti
     auto impl = std::make_unique<Impl>();
     impl->options = options;
     std::string reason;
-    if (!impl->open(&reason)) {
+    if (!impl->start(&reason)) {
         if (error != nullptr) {
             *error = reason;
         }
@@ -1748,6 +2062,14 @@ std::unique_ptr<PipeWireAudioHardware> PipeWireAudioHardware::connect(const Opti
 PipeWireAudioHardware::PipeWireAudioHardware(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 PipeWireAudioHardware::~PipeWireAudioHardware() = default;
+
+std::uint64_t PipeWireAudioHardware::serviceGeneration() const {
+    return impl_->generation.load();
+}
+
+bool PipeWireAudioHardware::isServiceAvailable() {
+    return impl_->isServiceAvailable();
+}
 
 std::int32_t PipeWireAudioHardware::currentProcessID() const {
     return ::getpid();
@@ -1963,16 +2285,38 @@ PipeWireGraph PipeWireAudioHardware::snapshot() const {
 
 bool PipeWireAudioHardware::synchronize() {
     Impl::Lock lock(impl_->loop);
-    return impl_->syncLocked();
+    return impl_->service.load() == Impl::Service::up && impl_->syncLocked();
 }
 
 bool PipeWireAudioHardware::isConnected() const {
-    Impl::Lock lock(impl_->loop);
-    return !impl_->isDisconnected;
+    return impl_->service.load() == Impl::Service::up;
+}
+
+bool PipeWireAudioHardware::waitForSession(double seconds) {
+    const auto deadline = Impl::Clock::now() + std::chrono::duration_cast<Impl::Clock::duration>(
+                                                   std::chrono::duration<double>(seconds));
+    while (true) {
+        {
+            Impl::Lock lock(impl_->loop);
+            if (impl_->service.load() != Impl::Service::up || !impl_->syncLocked()) {
+                return false;
+            }
+            if (impl_->isSessionConfiguredLocked()) {
+                return true;
+            }
+        }
+        if (Impl::Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 std::optional<bool> PipeWireAudioHardware::sinkMute(std::string_view nodeName) const {
     Impl::Lock lock(impl_->loop);
+    if (impl_->service.load() != Impl::Service::up) {
+        return std::nullopt;
+    }
     const GraphNode* node = impl_->graph.nodeNamed(nodeName);
     return node != nullptr ? node->mute : std::nullopt;
 }
@@ -1982,23 +2326,7 @@ OSStatus PipeWireAudioHardware::setSinkMute(std::string_view nodeName, bool mute
 }
 
 std::vector<std::string> PipeWireAudioHardware::repairLeftoverMutes() {
-    std::vector<std::string> repaired;
-    for (const MuteRecord& record : readMuteRecords(impl_->recordPath)) {
-        if (isProcessAlive(record.ownerPID) && record.ownerPID != ::getpid()) {
-            continue; // its owner still routes and will restore the sink itself
-        }
-        auto mute = sinkMute(record.nodeName);
-        // A sink that is gone or already audible needs nothing more.
-        bool isSettled = !mute || !*mute;
-        if (!isSettled && setSinkMute(record.nodeName, false) == kAudioHardwareNoError) {
-            repaired.push_back(record.nodeName);
-            isSettled = true;
-        }
-        if (isSettled) {
-            removeMuteRecord(impl_->recordPath, record);
-        }
-    }
-    return repaired;
+    return impl_->repairRecords(true);
 }
 
 const std::string& PipeWireAudioHardware::muteRecordPath() const {

@@ -18,6 +18,12 @@
 // One connection runs on a pw_thread_loop and keeps a copy of the graph current; every
 // call reads that copy under the loop's lock, so each read sees one consistent state.
 //
+// When the server goes away (it crashed or was restarted), the connection reports it on the
+// loop's thread: every filter stops calling its IOProc, then the service generation goes up,
+// and every call fails with 'stop'. isServiceAvailable() connects again (with a back-off) and
+// answers true once the session manager has configured the new graph and the sinks this
+// process had muted are audible again; everything from before is forgotten, never destroyed.
+//
 // Thread: control (the main thread) for every call; IOProcs run on PipeWire's real-time
 // data thread. Realtime-safe: no.
 #pragma once
@@ -59,6 +65,11 @@ public:
     PipeWireAudioHardware(const PipeWireAudioHardware&) = delete;
     PipeWireAudioHardware& operator=(const PipeWireAudioHardware&) = delete;
 
+    std::uint64_t serviceGeneration() const override;
+    // Connects again after a loss, at most once per back-off step (0.25 s, 0.5 s, then every
+    // second); true once the new session is configured and the mutes from before repaired.
+    bool isServiceAvailable() override;
+
     std::int32_t currentProcessID() const override;
     bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
     OSStatus isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -94,8 +105,13 @@ public:
     // Waits until the server has answered everything asked so far, so that the copy
     // reflects it. False when the server did not answer in time.
     bool synchronize();
-    // Whether the connection to the server still stands.
+    // Whether the connection to the server stands and answers calls.
     bool isConnected() const;
+    // Waits, at most `seconds`, until the session manager has configured the graph: the
+    // default output chosen and every device node with its ports and its Props (a mute it
+    // restores from its saved state is then in place). False when it did not in time or the
+    // server is not there.
+    bool waitForSession(double seconds);
 
     // Mute of a sink by node name: none when unknown.
     std::optional<bool> sinkMute(std::string_view nodeName) const;
@@ -103,8 +119,9 @@ public:
     // unknown node, 'nrdy' when the server did not confirm in time.
     OSStatus setSinkMute(std::string_view nodeName, bool mute);
 
-    // Unmutes every sink that a mute record names whose owner is gone, and clears those
-    // records. Answers the node names it restored.
+    // Unmutes every sink that a mute record names whose owner is gone (this process counts
+    // as gone: it calls this before it routes), and clears those records. Answers the node
+    // names it restored.
     std::vector<std::string> repairLeftoverMutes();
     const std::string& muteRecordPath() const;
 

@@ -125,6 +125,17 @@ bool isProcessAlive(std::int32_t pid) {
     return errno == EPERM;
 }
 
+bool isMutedByAnotherOwner(const std::string& path, const std::string& nodeName,
+                           std::int32_t owner) {
+    for (const MuteRecord& record : readMuteRecords(path)) {
+        if (record.nodeName == nodeName && record.ownerPID != owner &&
+            isProcessAlive(record.ownerPID)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::optional<MuteWatchdog> MuteWatchdog::arm(const std::string& executable,
                                               const MuteRecord& record,
                                               const std::string& recordPath, std::string* error) {
@@ -222,6 +233,20 @@ void MuteWatchdog::disarm() {
         } while (written < 0 && errno == EINTR);
     }
     close();
+}
+
+void MuteWatchdog::release() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+    if (pid_ > 0) {
+        // Reaped now if it already left; otherwise it outlives this object (and is reaped by
+        // whoever inherits it when this process ends).
+        int status = 0;
+        ::waitpid(pid_, &status, WNOHANG);
+        pid_ = 0;
+    }
 }
 
 bool waitForOwner(int fd) {

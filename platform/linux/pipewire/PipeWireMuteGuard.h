@@ -41,6 +41,11 @@ bool removeMuteRecord(const std::string& path, const MuteRecord& record);
 // Whether a process with that ID still exists.
 bool isProcessAlive(std::int32_t pid);
 
+// Whether a live process other than `owner` has a record for the node: that process routes
+// the sink now and will restore it itself, so nobody else may unmute it.
+bool isMutedByAnotherOwner(const std::string& path, const std::string& nodeName,
+                           std::int32_t owner);
+
 // A started watchdog: its process and the write end of its pipe.
 class MuteWatchdog {
 public:
@@ -60,6 +65,10 @@ public:
 
     // Tells the watchdog that the sink was restored and waits for it to leave.
     void disarm();
+    // Hands the sink over to the watchdog as if this process had died, without waiting for
+    // it: for a mute that this process can no longer restore itself (the server went away
+    // and it leaves before the server is back).
+    void release();
     std::int32_t processID() const { return pid_; }
 
 private:
