@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "Brightmix/StoredJSON.h"
+
 namespace brightmix {
 
 namespace {
@@ -59,13 +61,12 @@ std::string encodeAppOutputRules(const std::vector<AppOutputRule>& rules) {
 }
 
 std::vector<AppOutputRule> decodeAppOutputRules(std::string_view text) {
-    nlohmann::json document;
-    try {
-        document = nlohmann::json::parse(text.begin(), text.end());
-    } catch (const nlohmann::json::exception& error) {
-        throw AppOutputRuleDecodingError(std::string("App output rules are not valid JSON: ") +
-                                         error.what());
+    std::string problem;
+    const std::optional<nlohmann::json> parsed = parseStoredJSON(text, problem);
+    if (!parsed) {
+        throw AppOutputRuleDecodingError("App output rules are " + problem + ".");
     }
+    const nlohmann::json& document = *parsed;
     if (!document.is_array()) {
         throw AppOutputRuleDecodingError("App output rules are not a list.");
     }

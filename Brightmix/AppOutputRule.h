@@ -23,8 +23,9 @@ struct AppOutputRule {
     friend bool operator==(const AppOutputRule&, const AppOutputRule&) = default;
 };
 
-// Stored rules that cannot be read back: malformed JSON, a value of the wrong shape, or a
-// rule that lacks one of its four string members. what() says which.
+// Stored rules that cannot be read back: malformed JSON, JSON nesting deeper than
+// kDeepestStoredJSON levels, a value of the wrong shape, or a rule that lacks one of its four
+// string members. what() says which.
 class AppOutputRuleDecodingError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -4,6 +4,8 @@
 #include <set>
 #include <utility>
 
+#include "Brightmix/StoredJSON.h"
+
 namespace brightmix {
 
 namespace {
@@ -107,9 +109,10 @@ std::string encodeDeviceLabels(const DeviceLabelStore& store) {
 }
 
 std::optional<DeviceLabelStore> decodeDeviceLabels(std::string_view json) {
-    const nlohmann::json document = nlohmann::json::parse(json.begin(), json.end(), nullptr,
-                                                          /*allow_exceptions=*/false);
-    if (!document.is_object()) return std::nullopt;
+    std::string problem;
+    const std::optional<nlohmann::json> parsed = parseStoredJSON(json, problem);
+    if (!parsed || !parsed->is_object()) return std::nullopt;
+    const nlohmann::json& document = *parsed;
     const auto outputs = document.find("outputs");
     const auto inputs = document.find("inputs");
     if (outputs == document.end() || inputs == document.end()) return std::nullopt;

@@ -71,7 +71,8 @@ struct DeviceLabelStore {
 // in that order, compact. Text that is not valid UTF-8 is replaced, so encoding never fails.
 std::string encodeDeviceLabels(const DeviceLabelStore& store);
 // Both members and, in every label, both string members are required (others are ignored);
-// anything else gives none, never a partial store.
+// anything else, JSON nesting deeper than kDeepestStoredJSON levels included, gives none,
+// never a partial store.
 std::optional<DeviceLabelStore> decodeDeviceLabels(std::string_view json);
 
 // White space and line breaks removed from both ends.

@@ -1,5 +1,6 @@
 // Feeds arbitrary bytes to the stored-rules decoder: it must either throw its own decoding
-// error or give rules that survive a round trip through the encoder unchanged.
+// error or give rules that survive a round trip through the encoder unchanged. The seeds
+// include lists and objects nested 50,000 deep, far past the JSON nesting bound.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

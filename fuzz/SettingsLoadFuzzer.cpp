@@ -1,18 +1,28 @@
-// Loads the settings from an arbitrary domain: every key gets a value built from the input
-// (any kind, nested), and "deviceLabels" / "appOutputRules" get arbitrary bytes or JSON-like
-// text as Data. Loading must never throw, every field must land in its documented range, what
-// is loaded must survive a write and a second load unchanged, and a UID migration over the
-// loaded values must keep them loadable.
+// Loads the settings two ways from one input.
+//
+// As a settings file: the bytes go to the Linux reader, which must refuse them or read them
+// without crashing, leaking or recursing without bound (the seeds nest 50,000 deep, and are
+// long enough that libFuzzer's length limit admits such files); whatever it reads must load
+// within range, and the file Brightmix would write of it must read back.
+//
+// As a domain: every key gets a value built from the input (any kind, nested), and
+// "deviceLabels" / "appOutputRules" get arbitrary bytes or JSON-like text as Data, now and
+// then nested far past the JSON bound. Loading must never throw, every field must land in its
+// documented range, what is loaded must survive a write and a second load unchanged, and a UID
+// migration over the loaded values must keep them loadable.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "Brightmix/AppSettings.h"
 #include "Brightmix/OutputPreset.h"
+#include "platform/linux/settings/PropertyListFileDefaults.h"
 #include "platform/sim/InMemoryDefaults.h"
 
 namespace {
@@ -61,8 +71,13 @@ public:
         std::string result;
         for (std::size_t i = 0; i < count; ++i) {
             const std::uint8_t c = byte();
-            if (c < 230) {
+            if (c < 220) {
                 result += kPieces[c % (sizeof kPieces / sizeof kPieces[0])];
+            } else if (c < 230) {
+                // A run of openings, up to far past the nesting bound.
+                const std::string_view opening = c % 2 == 0 ? "[" : "{\"outputs\":";
+                for (std::size_t run = std::size_t{byte()} * 4; run > 0; --run)
+                    result += opening;
             } else {
                 result.push_back(static_cast<char>(byte()));
             }
@@ -138,10 +153,29 @@ void checkRanges(const brightmix::AppSettings& settings) {
     }
 }
 
+void checkSettingsFile(std::string_view bytes) {
+    using brightmix::PropertyListFileDefaults;
+    const std::optional<PropertyList::Dictionary> values = PropertyListFileDefaults::parse(bytes);
+    if (!values) return;
+    try {
+        checkRanges(brightmix::AppSettings::load(brightmix::InMemoryDefaults(*values)));
+    } catch (...) {
+        fail("loading a settings file threw");
+    }
+    // Brightmix must never set aside a file it wrote itself (unless expanding shared binary
+    // references made it too large to read).
+    const std::string written = PropertyListFileDefaults::serialize(*values);
+    if (written.size() <= PropertyListFileDefaults::kLargestFile &&
+        !PropertyListFileDefaults::parse(written)) {
+        fail("a file written from what was read cannot be read back");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace brightmix;
+    checkSettingsFile(std::string_view(reinterpret_cast<const char*>(data), size));
     Reader reader(data, size);
     static const std::string_view kKeys[] = {settingsKey::volume,
                                              settingsKey::replaceSystemHUD,

@@ -30,6 +30,13 @@ public:
         dictionary
     };
 
+    // How deeply arrays and dictionaries may nest in a value read from outside the program
+    // (a settings file, the preferences, the audio system), the outermost container being
+    // level 1. Brightmix's own values nest three levels at most. Copying, comparing,
+    // describing and destroying a value all recurse once per level, so every reader of outside
+    // data refuses or cuts deeper values rather than hand them on.
+    static constexpr int kDeepestNesting = 64;
+
     using Data = std::vector<std::uint8_t>;
     using Array = std::vector<PropertyList>;
     using Dictionary = std::map<std::string, PropertyList, std::less<>>;

@@ -12,6 +12,10 @@
 //         a demonstration that needs no user: switches on on the first multi-output device,
 //         records N seconds (default 3) into DIR, writes screenshots of the panel and the
 //         windows into DIR, prints what it wrote and quits. Settings go to DIR too.
+//     brightmix-app --help
+//
+// Qt ends the process when it finds no display, so the two things that need none — the usage
+// and the sentence saying a desktop session is missing — happen before Qt starts.
 #include <QApplication>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -26,13 +30,16 @@
 #include <QWidget>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "Brightmix/AppModel.h"
 #include "Brightmix/BrightmixApp.h"
@@ -237,12 +244,23 @@ private:
     std::unique_ptr<QMenu> trayMenu_;
 };
 
+const char* const kUsage =
+    "usage: brightmix-app [--demo FOLDER [--seconds N] [--no-recording]]\n"
+    "       brightmix-app --help\n"
+    "\n"
+    "Without options, Brightmix runs in the desktop session’s status area, once per user.\n"
+    "--demo FOLDER  a demonstration: routes the first multi-output device through Brightmix,\n"
+    "               records N seconds (default 3; nothing with --no-recording) into FOLDER,\n"
+    "               saves screenshots of the panel and the windows there, and quits. Its\n"
+    "               settings are kept in FOLDER too.\n";
+
 struct Arguments {
     std::optional<std::string> demoFolder;
     double seconds = 3;
     bool isRecording = true;
 };
 
+// The options of Brightmix itself, once Qt has taken its own out.
 std::optional<Arguments> parse(const QStringList& list) {
     Arguments arguments;
     for (qsizetype i = 1; i < list.size(); ++i) {
@@ -262,6 +280,59 @@ std::optional<Arguments> parse(const QStringList& list) {
     return arguments;
 }
 
+// What can be told from the raw arguments before Qt starts (Qt's own options among them):
+// whether the usage is asked for, whether this is a demonstration, and the platform plugin
+// named by Qt's -platform option.
+struct EarlyArguments {
+    bool asksForHelp = false;
+    bool isDemo = false;
+    std::optional<std::string> platform;
+};
+
+EarlyArguments earlyArguments(const std::vector<std::string_view>& given) {
+    EarlyArguments early;
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const std::string_view argument = given[i];
+        const bool hasValue = i + 1 < given.size();
+        if (argument == "--help" || argument == "-h") {
+            early.asksForHelp = true;
+        } else if (argument == "--demo" && hasValue) {
+            early.isDemo = true;
+            ++i;
+        } else if (argument == "--seconds" && hasValue) {
+            ++i;
+        } else if ((argument == "-platform" || argument == "--platform") && hasValue) {
+            early.platform = std::string(given[++i]);
+        }
+    }
+    return early;
+}
+
+// The sentence to end with when Qt would find no display, or none. Qt's default plugins (xcb,
+// wayland) need the session's server; offscreen and the framebuffer plugins do not.
+std::optional<std::string> missingDesktopSession(const EarlyArguments& arguments) {
+    const char* configured = std::getenv("QT_QPA_PLATFORM");
+    const std::string platform = arguments.platform      ? *arguments.platform
+                                 : configured != nullptr ? configured
+                                                         : "";
+    const std::string_view name = platform;
+    const bool needsServer =
+        name.empty() || name.substr(0, 3) == "xcb" || name.substr(0, 7) == "wayland";
+    const auto isSet = [](const char* variable) {
+        const char* value = std::getenv(variable);
+        return value != nullptr && value[0] != '\0';
+    };
+    if (!needsServer || isSet("DISPLAY") || isSet("WAYLAND_DISPLAY") || isSet("WAYLAND_SOCKET")) {
+        return std::nullopt;
+    }
+    if (arguments.isDemo) {
+        return "brightmix-app: --demo needs a display (no DISPLAY or WAYLAND_DISPLAY); run it "
+               "under a virtual X server (xvfb-run) or with QT_QPA_PLATFORM=offscreen";
+    }
+    return "brightmix-app: no desktop session (no DISPLAY or WAYLAND_DISPLAY); run it inside a "
+           "desktop, or use --demo under a virtual X server";
+}
+
 bool save(QWidget* widget, const std::filesystem::path& file) {
     if (widget == nullptr) return false;
     widget->adjustSize();
@@ -272,6 +343,17 @@ bool save(QWidget* widget, const std::filesystem::path& file) {
 } // namespace
 
 int main(int argc, char** argv) {
+    const EarlyArguments early =
+        earlyArguments(std::vector<std::string_view>(argv + 1, argv + argc));
+    if (early.asksForHelp) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    if (const std::optional<std::string> missing = missingDesktopSession(early)) {
+        std::fprintf(stderr, "%s\n", missing->c_str());
+        return 1;
+    }
+
     QApplication application(argc, argv);
     QApplication::setApplicationName("Brightmix");
     QApplication::setApplicationVersion(BRIGHTMIX_VERSION);
@@ -280,8 +362,7 @@ int main(int argc, char** argv) {
 
     const std::optional<Arguments> arguments = parse(QCoreApplication::arguments());
     if (!arguments) {
-        std::fprintf(stderr,
-                     "usage: brightmix-app [--demo FOLDER [--seconds N] [--no-recording]]\n");
+        std::fputs(kUsage, stderr);
         return 2;
     }
     const bool isDemo = arguments->demoFolder.has_value();

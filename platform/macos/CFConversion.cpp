@@ -70,9 +70,15 @@ CFTypeRef createCFObject(const CFValue& value) {
     return nullptr;
 }
 
-CFValue cfValueFromObject(CFTypeRef object) {
+namespace {
+
+// `level` is the level a collection at `object` would have.
+CFValue cfValueAtLevel(CFTypeRef object, int level) {
     if (!object || object == kCFNull) return {};
     const CFTypeID type = CFGetTypeID(object);
+    if ((type == CFArrayGetTypeID() || type == CFDictionaryGetTypeID()) &&
+        level > PropertyList::kDeepestNesting)
+        return CFValue::makeOther("a collection nested too deeply");
     if (type == CFBooleanGetTypeID())
         return CFValue::makeBoolean(CFBooleanGetValue(static_cast<CFBooleanRef>(object)));
     if (type == CFNumberGetTypeID()) {
@@ -104,7 +110,7 @@ CFValue cfValueFromObject(CFTypeRef object) {
         CFValue value;
         value.type = CFValue::Type::array;
         for (CFIndex index = 0; index < CFArrayGetCount(array); ++index)
-            value.items.push_back(cfValueFromObject(CFArrayGetValueAtIndex(array, index)));
+            value.items.push_back(cfValueAtLevel(CFArrayGetValueAtIndex(array, index), level + 1));
         return value;
     }
     if (type == CFDictionaryGetTypeID()) {
@@ -116,12 +122,18 @@ CFValue cfValueFromObject(CFTypeRef object) {
         CFValue value;
         value.type = CFValue::Type::dictionary;
         for (std::size_t index = 0; index < keys.size(); ++index)
-            value.entries.emplace_back(cfValueFromObject(keys[index]),
-                                       cfValueFromObject(items[index]));
+            value.entries.emplace_back(cfValueAtLevel(keys[index], level + 1),
+                                       cfValueAtLevel(items[index], level + 1));
         return value;
     }
     CFOwned name(CFCopyTypeIDDescription(type));
     return CFValue::makeOther(stringFromCFString(static_cast<CFStringRef>(name.get())));
+}
+
+} // namespace
+
+CFValue cfValueFromObject(CFTypeRef object) {
+    return cfValueAtLevel(object, 1);
 }
 
 } // namespace brightmix

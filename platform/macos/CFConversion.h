@@ -16,7 +16,9 @@ namespace brightmix {
 CFTypeRef createCFObject(const CFValue& value);
 
 // The value of a CF object (NULL and kCFNull read as null). Objects of types a property list
-// cannot hold read as `other`.
+// cannot hold read as `other`, and so does an array or dictionary deeper than
+// PropertyList::kDeepestNesting levels: values from the system or the preferences may nest
+// without limit, or even contain themselves, and every walk over a CFValue recurses per level.
 CFValue cfValueFromObject(CFTypeRef object);
 
 // UTF-8 text of a CF string; empty for NULL.

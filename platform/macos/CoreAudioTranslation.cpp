@@ -99,7 +99,14 @@ CFValue cfValueFromPropertyList(const PropertyList& value) {
 
 namespace {
 
-std::optional<PropertyList> convert(const CFValue& value, std::size_t& dropped) {
+// `level` is the level a container at `value` would have: one past the bound, a container is
+// left out like any value a property list cannot hold.
+std::optional<PropertyList> convert(const CFValue& value, std::size_t& dropped, int level) {
+    if ((value.type == CFValue::Type::array || value.type == CFValue::Type::dictionary) &&
+        level > PropertyList::kDeepestNesting) {
+        ++dropped;
+        return std::nullopt;
+    }
     switch (value.type) {
     case CFValue::Type::null:
         return PropertyList();
@@ -117,7 +124,7 @@ std::optional<PropertyList> convert(const CFValue& value, std::size_t& dropped) 
     case CFValue::Type::array: {
         PropertyList::Array items;
         for (const CFValue& item : value.items) {
-            if (std::optional<PropertyList> converted = convert(item, dropped))
+            if (std::optional<PropertyList> converted = convert(item, dropped, level + 1))
                 items.push_back(std::move(*converted));
         }
         return PropertyList::array(std::move(items));
@@ -129,7 +136,7 @@ std::optional<PropertyList> convert(const CFValue& value, std::size_t& dropped) 
                 ++dropped;
                 continue;
             }
-            if (std::optional<PropertyList> converted = convert(item, dropped))
+            if (std::optional<PropertyList> converted = convert(item, dropped, level + 1))
                 entries.insert_or_assign(key.text, std::move(*converted));
         }
         return PropertyList::dictionary(std::move(entries));
@@ -145,7 +152,7 @@ std::optional<PropertyList> convert(const CFValue& value, std::size_t& dropped) 
 
 PropertyList propertyListFromCFValue(const CFValue& value, std::size_t* dropped) {
     std::size_t count = 0;
-    std::optional<PropertyList> converted = convert(value, count);
+    std::optional<PropertyList> converted = convert(value, count, 1);
     if (dropped) *dropped = count;
     return converted ? std::move(*converted) : PropertyList();
 }

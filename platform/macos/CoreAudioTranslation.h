@@ -40,6 +40,7 @@ struct CFValue {
     enum class NumberType { sInt64, float64 };
 
     Type type = Type::null;
+
     bool boolean = false;
     NumberType numberType = NumberType::sInt64;
     std::int64_t integer = 0; // sInt64 numbers
@@ -66,8 +67,10 @@ CFValue cfValueFromPropertyList(const PropertyList& value);
 
 // A CF value as a property list. Numbers read as Float64 stay reals even when whole; a date
 // becomes the real number of seconds since 1970. What a property list cannot hold (an entry
-// whose key is not a string, an object of another CF type) is left out, and `*dropped`, when
-// given, counts what was left out; a top-level value of another type reads as null.
+// whose key is not a string, an object of another CF type, an array or dictionary nested
+// deeper than PropertyList::kDeepestNesting levels) is left out, and `*dropped`, when given,
+// counts what was left out (a container once, with all it holds); a top-level value of another
+// type reads as null.
 PropertyList propertyListFromCFValue(const CFValue& value, std::size_t* dropped = nullptr);
 
 // The CATapDescription a tap description asks for.

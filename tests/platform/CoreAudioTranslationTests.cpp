@@ -1,5 +1,6 @@
 // The decisions of the macOS layer, on plain data: property lists to CF values and back, tap
 // descriptions to CATapDescription fields, aggregate descriptions and recording formats.
+#include <algorithm>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <limits>
@@ -68,6 +69,53 @@ TEST(CoreAudioTranslation, WhatAPropertyListCannotHoldIsLeftOutAndCounted) {
                           {"list", PropertyList::array({PropertyList::string("kept")})},
                       }));
     EXPECT_TRUE(propertyListFromCFValue(CFValue::makeOther("CFBag"), &dropped).isNull());
+    EXPECT_EQ(dropped, 1u);
+}
+
+constexpr int kDeepest = PropertyList::kDeepestNesting;
+
+// CF values from the system or the preferences may nest without limit; past the bound a
+// container is left out like an unsupported value, counted once with all it holds.
+TEST(CoreAudioTranslation, ContainersPastTheNestingBoundAreLeftOutAndCounted) {
+    // `levels` containers, alternately arrays and dictionaries, each also holding a string.
+    const auto nested = [](int levels) {
+        CFValue value;
+        value.type = CFValue::Type::array;
+        value.items = {CFValue::makeString("innermost")};
+        for (int level = levels - 1; level >= 1; --level) {
+            CFValue outer;
+            if (level % 2 == 0) {
+                outer.type = CFValue::Type::array;
+                outer.items = {CFValue::makeString("kept"), std::move(value)};
+            } else {
+                outer.type = CFValue::Type::dictionary;
+                outer.entries.emplace_back(CFValue::makeString("kept"),
+                                           CFValue::makeString("kept"));
+                outer.entries.emplace_back(CFValue::makeString("inner"), std::move(value));
+            }
+            value = std::move(outer);
+        }
+        return value;
+    };
+    const auto expected = [](int levels) {
+        // Past the bound, the (array) container at the bound keeps only its string.
+        PropertyList value = levels > kDeepest ? PropertyList::array({PropertyList("kept")})
+                                               : PropertyList::array({PropertyList("innermost")});
+        for (int level = std::min(levels, kDeepest) - 1; level >= 1; --level) {
+            if (level % 2 == 0) {
+                value = PropertyList::array({PropertyList("kept"), value});
+            } else {
+                value =
+                    PropertyList::dictionary({{"kept", PropertyList("kept")}, {"inner", value}});
+            }
+        }
+        return value;
+    };
+
+    std::size_t dropped = 99;
+    EXPECT_EQ(propertyListFromCFValue(nested(kDeepest), &dropped), expected(kDeepest));
+    EXPECT_EQ(dropped, 0u);
+    EXPECT_EQ(propertyListFromCFValue(nested(kDeepest + 1), &dropped), expected(kDeepest + 1));
     EXPECT_EQ(dropped, 1u);
 }
 

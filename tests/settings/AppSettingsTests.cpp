@@ -1,11 +1,13 @@
 // Loading every settings key from what may be stored (missing, ill-typed, out of range,
-// corrupt), the per-output preset store, device labels and their JSON, and the migration of
-// settings after a device came back under a new UID.
+// corrupt, nested past the JSON bound), the per-output preset store, device labels and their
+// JSON, and the migration of settings after a device came back under a new UID.
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 #include "Brightmix/AppSettings.h"
+#include "Brightmix/StoredJSON.h"
 #include "platform/sim/InMemoryDefaults.h"
 
 namespace brightmix {
@@ -127,6 +129,69 @@ TEST(AppSettingsLoad, UndecodableJsonGivesEmptyValues) {
     EXPECT_TRUE(loadWith("deviceLabels", jsonData("\xff\xfe")).deviceLabels.empty());
     EXPECT_TRUE(loadWith("deviceLabels", jsonData(R"({"outputs":{"A":{"label":"x"}},"inputs":{}})"))
                     .deviceLabels.empty());
+}
+
+// `inner` wrapped in `levels` arrays.
+std::string jsonNestedIn(int levels, std::string_view inner = "") {
+    return std::string(static_cast<std::size_t>(levels), '[') + std::string(inner) +
+           std::string(static_cast<std::size_t>(levels), ']');
+}
+
+// Valid rules and labels, but for an extra member nested 50,000 deep: the whole value is
+// refused, not just the member.
+TEST(AppSettingsLoad, DeeplyNestedJsonGivesThatValuesDefaultAndKeepsTheRest) {
+    const PropertyList::Dictionary stored = {
+        {"volume", PropertyList::real(0.3)},
+        {"appOutputRules",
+         jsonData(R"([{"bundleID":"A","appName":"a","outputUID":"M","outputName":"m","x":)" +
+                  jsonNestedIn(50'000) + "}]")},
+        {"deviceLabels",
+         jsonData(R"({"outputs":{"M":{"originalName":"USB","label":"Desk"}},"inputs":{},"x":)" +
+                  jsonNestedIn(50'000) + "}")},
+        {"selectedDeviceUID", PropertyList("M")},
+    };
+    const AppSettings settings = AppSettings::load(InMemoryDefaults(stored));
+    EXPECT_TRUE(settings.appOutputRules.empty());
+    EXPECT_TRUE(settings.deviceLabels.empty());
+    EXPECT_EQ(settings.volume, 0.3);
+    EXPECT_EQ(settings.selectedDeviceUID, "M");
+}
+
+// Members beyond the ones read are ignored, however they nest, up to the bound; one level more
+// and the whole value is refused before its tree is built.
+TEST(StoredJson, NestingIsBoundedAtTheDocumentedDepth) {
+    const auto rules = [](int levels) {
+        // The list is level 1, the rule level 2, "extra" holds the rest.
+        return R"([{"bundleID":"A","appName":"a","outputUID":"M","outputName":"m","extra":)" +
+               jsonNestedIn(levels - 2) + "}]";
+    };
+    EXPECT_EQ(decodeAppOutputRules(rules(kDeepestStoredJSON)).size(), 1u);
+    try {
+        decodeAppOutputRules(rules(kDeepestStoredJSON + 1));
+        ADD_FAILURE() << "rules one level past the bound were decoded";
+    } catch (const AppOutputRuleDecodingError& error) {
+        EXPECT_STREQ(error.what(), "App output rules are nested deeper than 64 levels.");
+    }
+
+    const auto labels = [](int levels) {
+        return R"({"outputs":{"A":{"originalName":"USB","label":"Desk"}},"inputs":{},"notes":)" +
+               jsonNestedIn(levels - 1) + "}";
+    };
+    const std::optional<DeviceLabelStore> atTheBound =
+        decodeDeviceLabels(labels(kDeepestStoredJSON));
+    ASSERT_TRUE(atTheBound);
+    EXPECT_EQ(atTheBound->label("A", DeviceDirection::output), "Desk");
+    EXPECT_FALSE(decodeDeviceLabels(labels(kDeepestStoredJSON + 1)));
+    // Objects count as arrays do.
+    std::string objects;
+    for (int level = 0; level < kDeepestStoredJSON + 1; ++level)
+        objects += R"({"a":)";
+    objects += "1" + std::string(kDeepestStoredJSON + 1, '}');
+    std::string problem;
+    EXPECT_FALSE(parseStoredJSON(objects, problem));
+    EXPECT_EQ(problem, "nested deeper than 64 levels");
+    objects = objects.substr(5, objects.size() - 6);
+    EXPECT_TRUE(parseStoredJSON(objects, problem));
 }
 
 TEST(AppSettingsWrite, JsonIsStoredAsDataAndReadsBack) {

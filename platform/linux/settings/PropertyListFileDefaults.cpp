@@ -1,5 +1,6 @@
 #include "platform/linux/settings/PropertyListFileDefaults.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -14,14 +15,14 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/linux/settings/PropertyListBounds.h"
+
 namespace brightmix {
 
 namespace {
 
 // Seconds between 1970-01-01 and 2001-01-01, the epoch of property-list dates.
 constexpr double kPropertyListDateEpoch = 978307200.0;
-// A settings file is a few kilobytes; anything near this is not ours to parse.
-constexpr std::uintmax_t kLargestReadableFile = 64u * 1024u * 1024u;
 
 struct PlistFree {
     void operator()(plist_t node) const { plist_free(node); }
@@ -165,9 +166,15 @@ plist_t toNode(const PropertyList& value) {
     return nullptr;
 }
 
-// None for node kinds with no counterpart.
-std::optional<PropertyList> fromNode(plist_t node) {
-    switch (plist_get_node_type(node)) {
+// None for node kinds with no counterpart, and for a container deeper than the nesting bound,
+// which also sets `isTooDeep`. `level` is the level a container at `node` would have.
+std::optional<PropertyList> fromNode(plist_t node, int level, bool& isTooDeep) {
+    const plist_type type = plist_get_node_type(node);
+    if ((type == PLIST_ARRAY || type == PLIST_DICT) && level > PropertyList::kDeepestNesting) {
+        isTooDeep = true;
+        return std::nullopt;
+    }
+    switch (type) {
     case PLIST_BOOLEAN: {
         std::uint8_t flag = 0;
         plist_get_bool_val(node, &flag);
@@ -194,14 +201,17 @@ std::optional<PropertyList> fromNode(plist_t node) {
         plist_get_date_val(node, &seconds, &microseconds);
         return PropertyList::real(kPropertyListDateEpoch + seconds + microseconds / 1e6);
     }
-    case PLIST_STRING:
+    case PLIST_STRING: {
+        // Not through libplist's copying getter: it asserts (aborts) on text holding U+0000,
+        // which either form can carry. The text ends there, as it does when it is written.
+        std::uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        if (text == nullptr) return PropertyList(std::string());
+        return PropertyList(std::string(text, std::find(text, text + length, '\0')));
+    }
     case PLIST_KEY: {
         char* text = nullptr;
-        if (plist_get_node_type(node) == PLIST_STRING) {
-            plist_get_string_val(node, &text);
-        } else {
-            plist_get_key_val(node, &text);
-        }
+        plist_get_key_val(node, &text);
         std::string result = text != nullptr ? text : "";
         std::free(text);
         return PropertyList(std::move(result));
@@ -219,9 +229,10 @@ std::optional<PropertyList> fromNode(plist_t node) {
         PropertyList::Array items;
         const std::uint32_t count = plist_array_get_size(node);
         for (std::uint32_t index = 0; index < count; ++index) {
-            if (auto item = fromNode(plist_array_get_item(node, index))) {
+            if (auto item = fromNode(plist_array_get_item(node, index), level + 1, isTooDeep)) {
                 items.push_back(std::move(*item));
             }
+            if (isTooDeep) return std::nullopt;
         }
         return PropertyList(std::move(items));
     }
@@ -237,12 +248,14 @@ std::optional<PropertyList> fromNode(plist_t node) {
                 std::free(key);
                 break;
             }
-            if (auto value = fromNode(entry)) {
+            if (auto value = fromNode(entry, level + 1, isTooDeep)) {
                 entries.insert_or_assign(key != nullptr ? key : "", std::move(*value));
             }
             std::free(key);
+            if (isTooDeep) break;
         }
         std::free(iterator);
+        if (isTooDeep) return std::nullopt;
         return PropertyList(std::move(entries));
     }
     default:
@@ -331,14 +344,46 @@ std::string PropertyListFileDefaults::serialize(const PropertyList::Dictionary& 
 }
 
 std::optional<PropertyList::Dictionary> PropertyListFileDefaults::parse(std::string_view bytes) {
-    if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+    std::string reason;
+    return parse(bytes, reason);
+}
+
+std::optional<PropertyList::Dictionary> PropertyListFileDefaults::parse(std::string_view bytes,
+                                                                        std::string& reason) {
+    static const std::string tooDeepReason =
+        "its values nest deeper than " + std::to_string(PropertyList::kDeepestNesting) + " levels";
+    reason = "it is not a settings file";
+    if (bytes.empty()) return std::nullopt;
+    if (bytes.size() > kLargestFile) {
+        reason = "it is larger than " + std::to_string(kLargestFile / (1024 * 1024)) + " MiB";
+        return std::nullopt;
+    }
+    switch (measurePropertyListBytes(bytes)) {
+    case PropertyListBytes::withinBounds:
+        break;
+    case PropertyListBytes::tooDeep:
+        reason = tooDeepReason;
+        return std::nullopt;
+    case PropertyListBytes::tooMany:
+        reason = "it holds more than " + std::to_string(kMostPropertyListElements) + " values";
+        return std::nullopt;
+    case PropertyListBytes::malformed:
         return std::nullopt;
     }
     plist_t node = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
-    const PlistNode root(node);
+    PlistNode root(node);
     if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
-    std::optional<PropertyList> value = fromNode(root.get());
+    bool isTooDeep = false;
+    std::optional<PropertyList> value = fromNode(root.get(), 1, isTooDeep);
+    if (isTooDeep) {
+        // The scan measured less than libplist built, so freeing the tree (libplist recurses
+        // once per level) could exhaust the stack. Leaking one tree at start-up is the lesser
+        // harm; the fuzzer's leak check reports it.
+        static_cast<void>(root.release());
+        reason = tooDeepReason;
+        return std::nullopt;
+    }
     if (!value || value->asDictionary() == nullptr) return std::nullopt;
     return std::move(*value->asDictionary());
 }
@@ -354,8 +399,10 @@ void PropertyListFileDefaults::load() {
     }
     if (!exists) return;
     const std::uintmax_t size = std::filesystem::file_size(file_, error);
-    if (error || size > kLargestReadableFile) {
-        setAside(error ? error.message() : "it is too large");
+    if (error || size > kLargestFile) {
+        setAside(error ? error.message()
+                       : "it is larger than " + std::to_string(kLargestFile / (1024 * 1024)) +
+                             " MiB");
         return;
     }
     std::ifstream stream(file_, std::ios::binary);
@@ -365,9 +412,10 @@ void PropertyListFileDefaults::load() {
         setAside("it cannot be read");
         return;
     }
-    std::optional<PropertyList::Dictionary> values = parse(contents.str());
+    std::string reason;
+    std::optional<PropertyList::Dictionary> values = parse(contents.str(), reason);
     if (!values) {
-        setAside("it is not a settings file");
+        setAside(reason);
         return;
     }
     values_ = std::move(*values);
@@ -379,6 +427,7 @@ void PropertyListFileDefaults::setAside(const std::string& reason) {
     for (int attempt = 2; std::filesystem::exists(target); ++attempt) {
         target = base + "-" + std::to_string(attempt);
     }
+    setAsideReason_ = reason;
     std::error_code error;
     std::filesystem::rename(file_, target, error);
     if (error) {

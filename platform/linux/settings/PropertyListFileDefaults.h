@@ -8,7 +8,9 @@
 //   file whole, and a failed save removes its temporary file;
 // - a file that cannot be read or parsed, or whose root is not a dictionary, is moved aside
 //   as "<file>.corrupt-<local time>" and the store starts empty; the next save makes a
-//   fresh file;
+//   fresh file. So is a file beyond the bounds below, measured before libplist reads it
+//   (PropertyListBounds): larger than kLargestFile, nesting deeper than
+//   PropertyList::kDeepestNesting, or holding more than kMostPropertyListElements values;
 // - a folder that cannot be created or written is reported once through the write-error
 //   handler (see Defaults); the values stay in memory.
 //
@@ -36,6 +38,11 @@ namespace brightmix {
 
 class PropertyListFileDefaults final : public Defaults {
 public:
+    // The settings are a few kilobytes: the largest values, the labels and the app rules, take
+    // some hundred bytes per device or app, so even thousands of each stay well under 1 MiB.
+    // A larger file is no settings file of ours, and reading it would only cost memory.
+    static constexpr std::uintmax_t kLargestFile = 4u * 1024u * 1024u;
+
     // The steps of one save, in order.
     enum class SaveStep { createFolder, createTemporary, write, flush, close, rename, flushFolder };
     // Asked before each step of a save; a non-zero errno fails that step as the system would.
@@ -57,13 +64,18 @@ public:
 
     const std::filesystem::path& file() const { return file_; }
     const PropertyList::Dictionary& values() const { return values_; }
-    // Where an unreadable file was moved when the store was made, if it was.
+    // Where an unreadable file was moved when the store was made, if it was, and why it could
+    // not be read ("it is not a settings file", "its values nest deeper than 64 levels", ...).
     const std::optional<std::filesystem::path>& setAsideFile() const { return setAsideFile_; }
+    const std::string& setAsideReason() const { return setAsideReason_; }
 
     // The domain as file bytes (XML, or binary when XML cannot carry it), and back: none
     // when the bytes are no property list or its root is not a dictionary.
     static std::string serialize(const PropertyList::Dictionary& values);
     static std::optional<PropertyList::Dictionary> parse(std::string_view bytes);
+    // The same, saying in `reason` why bytes are refused.
+    static std::optional<PropertyList::Dictionary> parse(std::string_view bytes,
+                                                         std::string& reason);
 
 private:
     void load();
@@ -74,6 +86,7 @@ private:
     FaultInjector faults_;
     PropertyList::Dictionary values_;
     std::optional<std::filesystem::path> setAsideFile_;
+    std::string setAsideReason_;
     // False while an unreadable file could not be moved aside: saving would overwrite it.
     bool isSavingAllowed_ = true;
 };
